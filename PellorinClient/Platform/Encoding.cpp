@@ -1,0 +1,89 @@
+#include "Platform/Encoding.h"
+
+#include <array>
+
+namespace pellorin {
+
+namespace {
+
+constexpr char kHexDigits[] = "0123456789abcdef";
+constexpr char kBase64Alphabet[] =
+    "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789+/";
+
+constexpr std::array<int8_t, 256> makeDecodeTable() {
+    std::array<int8_t, 256> table{};
+    for (auto& entry : table) {
+        entry = -1;
+    }
+    for (int i = 0; i < 64; ++i) {
+        table[static_cast<uint8_t>(kBase64Alphabet[i])] = static_cast<int8_t>(i);
+    }
+    return table;
+}
+
+constexpr std::array<int8_t, 256> kDecodeTable = makeDecodeTable();
+
+}  // namespace
+
+std::string hexString(std::span<const uint8_t> bytes) {
+    std::string text(bytes.size() * 2, '\0');
+    for (size_t i = 0; i < bytes.size(); ++i) {
+        text[2 * i] = kHexDigits[bytes[i] >> 4];
+        text[2 * i + 1] = kHexDigits[bytes[i] & 0x0f];
+    }
+    return text;
+}
+
+std::optional<std::vector<uint8_t>> base64DecodeStrict(std::string_view text) {
+    if (text.size() % 4 != 0) {
+        return std::nullopt;
+    }
+    std::vector<uint8_t> out;
+    out.reserve(text.size() / 4 * 3);
+    for (size_t i = 0; i < text.size(); i += 4) {
+        const bool last = i + 4 == text.size();
+        const size_t padding = (text[i + 3] == '=') + (text[i + 2] == '=' && text[i + 3] == '=');
+        if (padding > 0 && !last) {
+            return std::nullopt;
+        }
+        uint32_t group = 0;
+        for (size_t j = 0; j < 4 - padding; ++j) {
+            const int8_t value = kDecodeTable[static_cast<uint8_t>(text[i + j])];
+            if (value < 0) {
+                return std::nullopt;
+            }
+            group = (group << 6) | static_cast<uint32_t>(value);
+        }
+        group <<= 6 * padding;
+        // Bits below the last encoded byte must be zero, so that one text means one value.
+        if ((padding == 1 && (group & 0xff) != 0) || (padding == 2 && (group & 0xffff) != 0)) {
+            return std::nullopt;
+        }
+        out.push_back(static_cast<uint8_t>(group >> 16));
+        if (padding < 2) {
+            out.push_back(static_cast<uint8_t>(group >> 8));
+        }
+        if (padding < 1) {
+            out.push_back(static_cast<uint8_t>(group));
+        }
+    }
+    return out;
+}
+
+std::string base64Encode(std::span<const uint8_t> bytes) {
+    std::string text;
+    text.reserve((bytes.size() + 2) / 3 * 4);
+    for (size_t i = 0; i < bytes.size(); i += 3) {
+        const size_t n = std::min<size_t>(3, bytes.size() - i);
+        uint32_t group = static_cast<uint32_t>(bytes[i]) << 16;
+        if (n > 1) group |= static_cast<uint32_t>(bytes[i + 1]) << 8;
+        if (n > 2) group |= bytes[i + 2];
+        text.push_back(kBase64Alphabet[(group >> 18) & 63]);
+        text.push_back(kBase64Alphabet[(group >> 12) & 63]);
+        text.push_back(n > 1 ? kBase64Alphabet[(group >> 6) & 63] : '=');
+        text.push_back(n > 2 ? kBase64Alphabet[group & 63] : '=');
+    }
+    return text;
+}
+
+}  // namespace pellorin

@@ -1,0 +1,24 @@
+// Text encodings of bytes: lower-case hexadecimal and strict base64. Pure functions, any thread.
+#pragma once
+
+#include <cstdint>
+#include <optional>
+#include <span>
+#include <string>
+#include <string_view>
+#include <vector>
+
+namespace pellorin {
+
+// Two lower-case hexadecimal digits per byte, no separators ("00ab" for 0x00 0xAB).
+std::string hexString(std::span<const uint8_t> bytes);
+
+// Standard-alphabet base64 with padding. Returns no value for text that is not exactly that:
+// a character outside the alphabet (white space included), a length that is not a multiple of
+// four, misplaced padding, or non-zero bits after the last encoded byte.
+std::optional<std::vector<uint8_t>> base64DecodeStrict(std::string_view text);
+
+// Standard-alphabet base64 with padding.
+std::string base64Encode(std::span<const uint8_t> bytes);
+
+}  // namespace pellorin
