@@ -1,0 +1,71 @@
+// FilePartRequestDelegate: one attempt of one part. It owns the attempt's HTTP session, hands the
+// session the part's body stream, and decides what the end of the upload means (success, retry,
+// failure).
+//
+// Lifetime: created by startUpload on the scheduling queue and kept in the client's
+// filePartDelegates until its session has become invalid. The session keeps it alive until then;
+// it keeps the client alive until then. Every callback runs on the client's delegate queue.
+#pragma once
+
+#include <memory>
+#include <optional>
+
+#include <pellorin/Logging.h>
+#include <pellorin/PellorinClient.h>
+#include <pellorin/ThroughputMonitor.h>
+
+#include "Platform/HttpSession.h"
+#include "client/TransferState.h"
+
+namespace pellorin {
+
+class FilePartRequestDelegate final : public HttpSessionDelegate,
+                                      public std::enable_shared_from_this<FilePartRequestDelegate> {
+  public:
+    FilePartRequestDelegate(std::shared_ptr<FilePartRequest> partRequest,
+                            std::shared_ptr<PellorinClient> client, Logger logger,
+                            std::unique_ptr<ThroughputMonitor> throughput);
+
+    // The attempt's session, created on first use (scheduling queue) from the client's session
+    // configuration; absent once the session has become invalid, and never created again.
+    std::shared_ptr<HttpSession> httpSession();
+    // The session if it exists now, without creating it. Any thread.
+    std::shared_ptr<HttpSession> currentSession() const;
+
+    std::string debugDescription() const { return partRequest_->debugDescription(); }
+
+    void urlSessionTaskNeedNewBodyStream(
+        HttpSession& session, UploadTask& task,
+        std::function<void(std::shared_ptr<InputStream>)> completionHandler) override;
+    void urlSessionTaskDidSendBodyData(HttpSession& session, UploadTask& task, int64_t bytesSent,
+                                       int64_t totalBytesSent,
+                                       int64_t totalBytesExpectedToSend) override;
+    void urlSessionTaskDidFinishCollectingMetrics(HttpSession& session, UploadTask& task,
+                                                  const TaskMetrics& metrics) override;
+    void urlSessionTaskDidCompleteWithError(HttpSession& session, UploadTask& task,
+                                            const std::optional<PlatformError>& error) override;
+    void urlSessionDidBecomeInvalidWithError(HttpSession& session,
+                                             const std::optional<PlatformError>& error) override;
+
+  private:
+    // The three endings of a completed task with an HTTP response (delegate queue).
+    void completeWithResponse(HttpSession& session, UploadTask& task);
+    void completeWithError(const PlatformError& error);
+    void verifyChecksum(const TransferState::Executing& executing, const HttpResponse& response);
+    const TransferState::Executing& requireExecuting() const;
+
+    const std::shared_ptr<FilePartRequest> partRequest_;
+    std::shared_ptr<PellorinClient> client_;  // cleared when the session has become invalid
+    const Logger logger_;
+    const std::unique_ptr<ThroughputMonitor> throughput_;  // this attempt's own counters
+    TransferState status_;                                 // delegate queue only
+
+    mutable std::mutex sessionMutex_;       // guards the two fields below (read by the drain)
+    std::shared_ptr<HttpSession> session_;  // guarded by sessionMutex_
+    bool sessionEnded_ = false;             // guarded by sessionMutex_
+    // Set when the attempt was given up before its body started (the file could not be
+    // opened): the cancelled task's ending is then not reported a second time.
+    bool abandoned_ = false;
+};
+
+}  // namespace pellorin

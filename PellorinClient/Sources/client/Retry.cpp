@@ -1,0 +1,99 @@
+// Retries: a part that ended in a retryable way goes back into the wait queue with a notBefore
+// of now plus its wait, after its retry budget is checked and the delegates are told. Runs on the
+// client's delegate queue.
+#include <algorithm>
+#include <charconv>
+#include <cmath>
+
+#include "Platform/Fatal.h"
+#include "Platform/HttpSession.h"
+#include "client/ClientState.h"
+#include "client/ErrorConversion.h"
+#include "client/Formatting.h"
+
+namespace pellorin::client {
+
+namespace {
+
+// The wait used when the server asks for a retry without a usable "Retry-After".
+constexpr double kDefaultRetryAfterSecs = 120.0;
+
+// now + seconds, with the offset held to ±30 years so that any finite wait gives a valid time.
+std::chrono::system_clock::time_point timeAfter(double seconds) {
+    constexpr double kLimit = 30.0 * 365 * 24 * 3600;
+    const double clamped = std::clamp(seconds, -kLimit, kLimit);
+    return std::chrono::system_clock::now() +
+           std::chrono::duration_cast<std::chrono::system_clock::duration>(
+               std::chrono::duration<double>(clamped));
+}
+
+}  // namespace
+
+std::optional<double> parseRetryAfterSeconds(std::string_view text) {
+    // from_chars reads numbers the same way in every locale. A leading '+' is accepted as a
+    // number's sign; anything else that is not part of the number (spaces, units, a date) fails.
+    if (!text.empty() && text.front() == '+') {
+        text.remove_prefix(1);
+        if (!text.empty() && (text.front() == '-' || text.front() == '+')) {
+            return std::nullopt;
+        }
+    }
+    double value = 0;
+    const auto [end, ec] = std::from_chars(text.data(), text.data() + text.size(), value);
+    if (ec != std::errc() || end != text.data() + text.size() || text.empty() ||
+        !std::isfinite(value)) {
+        return std::nullopt;
+    }
+    return value;
+}
+
+void requeuePartRequest(PellorinClient& client, const std::shared_ptr<FilePartRequest>& request,
+                        uint64_t lostByteCount, std::optional<double> afterSecs,
+                        const PellorinError& error) {
+    auto& state = ClientAccess::state(client);
+    state.logger.debug([&] {
+        return "re-queueing part # " + std::to_string(request->partNumber()) +
+               " retries: " + std::to_string(request->retryCount()) +
+               " wait:" + optionalDescription(afterSecs);
+    });
+    const size_t retryCount = checkedAdd<size_t>(request->retryCount(), 1, "retryCount overflow");
+    request->setRetryCount(retryCount);
+    if (state.maxRetries < retryCount) {
+        failPart(client, request, PellorinError::retryCountExceeded(retryCount));
+        return;
+    }
+    auto message = std::make_shared<const PartRetryMessage>(
+        request->filePath(), request->partNumber(), lostByteCount, retryCount,
+        afterSecs.value_or(0.0), toErrorMessage(error));
+    notifyDelegates(
+        client,
+        [message](PellorinClientDelegate& delegate, PellorinClient& c) {
+            delegate.pellorinClientWillRetryPart(c, message);
+        },
+        Delivery::asynchronous);
+    // The wait orders the queue; the scheduling loop does not hold the part back for it.
+    const auto notBefore = afterSecs ? timeAfter(*afterSecs) : std::chrono::system_clock::now();
+    enqueue(client, notBefore, request);
+    submitProcessWaitQueue(client);
+}
+
+void requeuePartRequest(PellorinClient& client, const std::shared_ptr<FilePartRequest>& request,
+                        uint64_t lostByteCount, const HttpResponse& response) {
+    auto& state = ClientAccess::state(client);
+    double wait = kDefaultRetryAfterSecs;
+    if (const auto header = response.valueForHTTPHeaderField("Retry-After")) {
+        if (const auto parsed = parseRetryAfterSeconds(*header)) {
+            wait = *parsed;
+        } else {
+            state.logger.warning([&] {
+                return "Could not parse the Retry-After HTTP Header: (" + *header +
+                       "), will default to " + doubleDescription(kDefaultRetryAfterSecs) +
+                       " seconds";
+            });
+        }
+    }
+    requeuePartRequest(client, request, lostByteCount, wait,
+                       PellorinError::retryAfter(response.statusCode(), wait));
+}
+
+}  // namespace pellorin::client

@@ -1,0 +1,92 @@
+// Cancellation from another thread in the middle of a transfer.
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <thread>
+
+#include "TransferFixture.h"
+
+namespace pellorin::testing {
+namespace {
+
+using receiver::Fault;
+using receiver::RequestInfo;
+
+constexpr uint64_t kPart = 64 * 1024;
+
+TEST(ClientCancel, InFlightPartsEndCancelledAndWaitingPartsFailInQueueOrderUnsent) {
+    Transfer t(8 * kPart, 2, 3);
+    // The first two parts stall at the server, so they are in flight when the host cancels.
+    t.receiver->setFaultScript([](const RequestInfo& info) -> std::optional<Fault> {
+        if (info.partNumber.value_or(0) > 2) return std::nullopt;
+        Fault fault;
+        fault.stallSecs = 30;
+        return fault;
+    });
+    // Failures of cancelled parts reach a queued delegate synchronously: it sees each one before
+    // the direct delegate registered after it, although it is slow.
+    auto queued = std::make_shared<RecordingDelegate>();
+    auto queue = SerialQueue::make("host delegate queue");
+    std::mutex orderMutex;
+    std::vector<std::string> order;
+    queued->onEvent = [&](const RecordingDelegate::Event& e) {
+        if (e.kind != "failed") return;
+        std::this_thread::sleep_for(std::chrono::milliseconds(10));
+        std::lock_guard lock(orderMutex);
+        order.push_back("queued");
+    };
+    auto direct = std::make_shared<RecordingDelegate>();
+    direct->onEvent = [&](const RecordingDelegate::Event& e) {
+        if (e.kind != "failed") return;
+        std::lock_guard lock(orderMutex);
+        order.push_back("direct");
+    };
+    t.client->addDelegate(queued, queue);
+    t.client->addDelegate(direct, nullptr);
+    t.submitParts(kPart);
+
+    std::thread canceller([&] {
+        for (int i = 0; i < 500 && t.receiver->requests().size() < 2; ++i) {
+            std::this_thread::sleep_for(std::chrono::milliseconds(10));
+        }
+        t.client->invalidateAndCancel();
+        t.client->invalidateAndCancel();
+    });
+    const auto started = std::chrono::steady_clock::now();
+    EXPECT_EQ(t.run(), 1);
+    canceller.join();
+    EXPECT_LT(std::chrono::steady_clock::now() - started, std::chrono::seconds(15));
+
+    for (const auto& r : t.receiver->requests()) EXPECT_LE(r.partNumber.value_or(0), 2u);
+    ASSERT_EQ(t.delegate->failed.size(), 8u);
+    std::vector<uint64_t> waitingOrder;
+    for (const auto& m : t.delegate->failed) {
+        EXPECT_EQ(m->errors().back()->code(), 6) << m->partNumber();
+        EXPECT_EQ(m->errors().back()->message(), "Cancelled by user.");
+        if (m->partNumber() > 2) waitingOrder.push_back(m->partNumber());
+    }
+    EXPECT_EQ(waitingOrder, (std::vector<uint64_t>{3, 4, 5, 6, 7, 8}));
+    EXPECT_TRUE(t.delegate->completed.empty());
+    EXPECT_EQ(t.delegate->metrics->failureCount(), 8u);
+
+    ASSERT_EQ(order.size(), 16u);
+    for (size_t i = 0; i < order.size(); i += 2) {
+        EXPECT_EQ(order[i], "queued");
+        EXPECT_EQ(order[i + 1], "direct");
+    }
+    const auto messages = t.log->messages();
+    EXPECT_EQ(std::count(messages.begin(), messages.end(), "Upload cancelled by user."), 1);
+    EXPECT_EQ(std::count(messages.begin(), messages.end(), "Upload was previously cancelled."), 1);
+}
+
+TEST(ClientCancel, CancellingBeforeAnythingStartedStillLetsTheWaitReturn) {
+    Transfer t(4 * kPart, 2, 3);
+    t.submitParts(kPart);
+    t.client->invalidateAndCancel();
+    EXPECT_EQ(t.run(std::chrono::seconds(10)), 1);
+    EXPECT_TRUE(t.receiver->requests().empty());
+    EXPECT_EQ(t.delegate->failed.size(), 4u);
+}
+
+}  // namespace
+}  // namespace pellorin::testing

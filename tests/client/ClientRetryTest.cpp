@@ -1,0 +1,192 @@
+// How the client treats each way a part can end: retries with their waits and messages,
+// permanent failures, checksum handling, and the retry budget.
+#include <gtest/gtest.h>
+
+#include <map>
+
+#include "TransferFixture.h"
+#include "client/ClientState.h"
+
+namespace pellorin::testing {
+namespace {
+
+using receiver::Fault;
+using receiver::RequestInfo;
+
+constexpr uint64_t kPart = 64 * 1024;
+
+// Applies `fault` to the given attempts (0-based) of part 1.
+std::function<std::optional<Fault>(const RequestInfo&)> onPartOne(Fault fault,
+                                                                   std::vector<uint32_t> attempts) {
+    return [fault, attempts](const RequestInfo& info) -> std::optional<Fault> {
+        if (info.partNumber != 1u) return std::nullopt;
+        if (std::find(attempts.begin(), attempts.end(), info.attempt) == attempts.end()) {
+            return std::nullopt;
+        }
+        return fault;
+    };
+}
+
+TEST(ClientRetry, ServerErrorsAreRetriedWithTheServersWaitWithoutBeingHeldBack) {
+    struct Case {
+        int status;
+        std::optional<std::string> retryAfter;
+        double expectedWait;
+    };
+    for (const Case& c : {Case{500, std::nullopt, 120.0}, Case{429, "30", 30.0},
+                          Case{503, "Wed, 21 Oct 2015 07:28:00 GMT", 120.0}}) {
+        SCOPED_TRACE(c.status);
+        Transfer t(2 * kPart, 2);
+        Fault fault;
+        fault.status = c.status;
+        fault.retryAfter = c.retryAfter;
+        t.receiver->setFaultScript(onPartOne(fault, {0}));
+        t.submitParts(kPart);
+        // Finishing well inside the requested wait shows the wait only orders the queue.
+        EXPECT_EQ(t.run(std::chrono::seconds(20)), 0);
+        ASSERT_EQ(t.delegate->retries.size(), 1u);
+        const auto& retry = *t.delegate->retries[0];
+        EXPECT_EQ(retry.retryCount(), 1u);
+        EXPECT_EQ(retry.waitSecs(), c.expectedWait);
+        EXPECT_EQ(retry.error()->code(), 4);
+        EXPECT_NE(retry.error()->message().find(std::to_string(c.status)), std::string::npos);
+        EXPECT_EQ(md5HexOfFile(t.copy()), md5HexOfFile(t.source));
+
+        const auto requests = t.receiver->requests();
+        const auto retried = std::find_if(requests.begin(), requests.end(), [](const auto& r) {
+            return r.partNumber == 1u && r.retryCount.has_value();
+        });
+        ASSERT_NE(retried, requests.end());
+        EXPECT_EQ(retried->retryCount, 1u);
+
+        const auto messages = t.log->messages();
+        const bool warned = std::any_of(messages.begin(), messages.end(), [&](const auto& m) {
+            return m == "Could not parse the Retry-After HTTP Header: (" +
+                            c.retryAfter.value_or("") + "), will default to 120.0 seconds";
+        });
+        EXPECT_EQ(warned, c.status == 503);
+    }
+}
+
+TEST(ClientRetry, DroppedConnectionsBackOffOneTwoFourSecondsAndChecksumMismatchesDoNotWait) {
+    Transfer t(2 * kPart, 2, 3);
+    t.receiver->setFaultScript([](const RequestInfo& info) -> std::optional<Fault> {
+        Fault fault;
+        if (info.partNumber == 1u && info.attempt < 3) {
+            fault.closeAfterBodyBytes = 1000;
+            return fault;
+        }
+        if (info.partNumber == 2u && info.attempt == 0) {
+            fault.wrongChecksum = true;
+            return fault;
+        }
+        return std::nullopt;
+    });
+    t.submitParts(kPart);
+    EXPECT_EQ(t.run(), 0);
+    EXPECT_EQ(md5HexOfFile(t.copy()), md5HexOfFile(t.source));
+
+    std::map<uint64_t, std::vector<std::shared_ptr<const PartRetryMessage>>> retries;
+    for (const auto& m : t.delegate->retries) retries[m->partNumber()].push_back(m);
+    ASSERT_EQ(retries[1].size(), 3u);
+    for (size_t i = 0; i < 3; ++i) {
+        EXPECT_EQ(retries[1][i]->retryCount(), i + 1);
+        EXPECT_EQ(retries[1][i]->waitSecs(), double(1 << i));
+        EXPECT_EQ(retries[1][i]->error()->domain(), kURLErrorDomain);
+    }
+    ASSERT_EQ(retries[2].size(), 1u);
+    EXPECT_EQ(retries[2][0]->waitSecs(), 0.0);
+    EXPECT_EQ(retries[2][0]->error()->code(), 2);
+    // The metrics count every retry and keep the bytes of failed attempts apart.
+    EXPECT_EQ(t.delegate->metrics->retryCount(), 4u);
+    EXPECT_EQ(t.delegate->metrics->bytesSent(), 2 * kPart);
+}
+
+TEST(ClientRetry, SpentBudgetFailsWithTheWholeHistory) {
+    struct Case {
+        Fault fault;
+        std::vector<int64_t> expectedCodes;  // the failure's error list
+    };
+    Fault unavailable;
+    unavailable.status = 503;
+    Fault dropped;
+    dropped.closeAfterBodyBytes = 10;
+    Fault quoted;
+    quoted.quotedETag = true;
+    // A server-requested retry travels only in the retry messages; network errors and checksum
+    // mismatches stay in the part's history.
+    for (const Case& c : {Case{unavailable, {1}},
+                          Case{dropped, {URLError::networkConnectionLost,
+                                         URLError::networkConnectionLost,
+                                         URLError::networkConnectionLost, 1}},
+                          Case{quoted, {2, 2, 2, 1}}}) {
+        Transfer t(kPart, 2, 2);
+        t.receiver->setFaultScript(onPartOne(c.fault, {0, 1, 2, 3}));
+        t.submitParts(kPart);
+        EXPECT_EQ(t.run(), 1);
+        EXPECT_EQ(t.receiver->requests().size(), 3u);
+        EXPECT_EQ(t.delegate->retries.size(), 2u);
+        ASSERT_EQ(t.delegate->failed.size(), 1u);
+        const auto& errors = t.delegate->failed[0]->errors();
+        std::vector<int64_t> codes;
+        for (const auto& e : errors) codes.push_back(e->code());
+        EXPECT_EQ(codes, c.expectedCodes);
+        EXPECT_EQ(errors.back()->message(), "Exceeded retry count: 3");
+        EXPECT_EQ(t.delegate->finishStatus, 1);
+    }
+}
+
+TEST(ClientRetry, PermanentFailuresAreNotRetried) {
+    const std::map<uint64_t, int> statuses{{1, 204}, {2, 404}, {3, 499}, {4, 600}};
+    Transfer t(6 * kPart, 4, 3);
+    t.receiver->setFaultScript([&](const RequestInfo& info) -> std::optional<Fault> {
+        Fault fault;
+        if (auto found = statuses.find(info.partNumber.value_or(0)); found != statuses.end()) {
+            fault.status = found->second;
+            return fault;
+        }
+        if (info.partNumber == 5u) {
+            fault.noChecksum = true;
+            return fault;
+        }
+        if (info.partNumber == 6u) {
+            fault.upperCaseETag = true;  // matches: the comparison ignores case
+            return fault;
+        }
+        return std::nullopt;
+    });
+    t.submitParts(kPart);
+    EXPECT_EQ(t.run(), 1);
+    EXPECT_EQ(t.receiver->requests().size(), 6u);
+    EXPECT_TRUE(t.delegate->retries.empty());
+    std::map<uint64_t, std::shared_ptr<const PartFailureMessage>> failures;
+    for (const auto& m : t.delegate->failed) failures[m->partNumber()] = m;
+    ASSERT_EQ(failures.size(), 5u);
+    for (const auto& [part, status] : statuses) {
+        ASSERT_EQ(failures[part]->errors().size(), 1u);
+        EXPECT_EQ(failures[part]->errors()[0]->code(), 5);
+        EXPECT_NE(failures[part]->errors()[0]->message().find(std::to_string(status)),
+                  std::string::npos);
+    }
+    EXPECT_EQ(failures[5]->errors()[0]->code(), 3);
+    ASSERT_EQ(t.delegate->completed.size(), 1u);
+    const std::string expected = md5HexOfRange(t.source, 5 * kPart, kPart);
+    std::string upper = expected;
+    std::transform(upper.begin(), upper.end(), upper.begin(), ::toupper);
+    EXPECT_EQ(t.delegate->completed[0]->eTag(), upper);
+}
+
+TEST(ClientRetry, RetryAfterIsReadAsSecondsInTheCLocale) {
+    using client::parseRetryAfterSeconds;
+    EXPECT_EQ(parseRetryAfterSeconds("30"), 30.0);
+    EXPECT_EQ(parseRetryAfterSeconds("1.5"), 1.5);
+    EXPECT_EQ(parseRetryAfterSeconds("-5"), -5.0);
+    EXPECT_EQ(parseRetryAfterSeconds("+2"), 2.0);
+    for (const char* bad : {"", " 30", "30 ", "1,5", "30s", "nan", "inf", "1e999",
+                            "Wed, 21 Oct 2015 07:28:00 GMT", "+-1"}) {
+        EXPECT_FALSE(parseRetryAfterSeconds(bad).has_value()) << bad;
+    }
+}
+
+}  // namespace
+}  // namespace pellorin::testing
