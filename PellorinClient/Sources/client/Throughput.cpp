@@ -3,51 +3,41 @@
 #include <cinttypes>
 #include <cmath>
 #include <cstdio>
+#include <iterator>
+
+#include "Platform/Fatal.h"
 
 namespace pellorin {
 
-std::string description(Throughput unit) {
-    switch (unit) {
-        case Throughput::GBytesSec:
-            return "GB/sec";
-        case Throughput::MBytesSec:
-            return "MB/sec";
-        case Throughput::KBytesSec:
-            return "KB/sec";
-        case Throughput::BytesSec:
-            return "Bytes/sec";
-        case Throughput::GBitsSec:
-            return "Gb/sec";
-        case Throughput::MBitsSec:
-            return "Mb/sec";
-        case Throughput::KBitsSec:
-            return "Kb/sec";
-        case Throughput::BitsSec:
-            return "Bits/sec";
+namespace {
+
+struct UnitInfo {
+    const char* text;
+    double bytesPerUnit;
+};
+
+// Indexed by the enumeration's value, in declaration order.
+constexpr UnitInfo kUnits[] = {
+    {"GB/sec", 1'000'000'000.0}, {"MB/sec", 1'000'000.0}, {"KB/sec", 1'000.0}, {"Bytes/sec", 1.0},
+    {"Gb/sec", 125'000'000.0},   {"Mb/sec", 125'000.0},   {"Kb/sec", 125.0},   {"Bits/sec", 0.125},
+};
+
+const UnitInfo& info(Throughput unit) {
+    const auto index = static_cast<size_t>(unit);
+    if (index >= std::size(kUnits)) {
+        fatalError("Throughput value out of range: " + std::to_string(index));
     }
-    return "Bytes/sec";
+    return kUnits[index];
+}
+
+}  // namespace
+
+std::string description(Throughput unit) {
+    return info(unit).text;
 }
 
 double divisor(Throughput unit) {
-    switch (unit) {
-        case Throughput::GBytesSec:
-            return 1'000'000'000.0;
-        case Throughput::MBytesSec:
-            return 1'000'000.0;
-        case Throughput::KBytesSec:
-            return 1'000.0;
-        case Throughput::BytesSec:
-            return 1.0;
-        case Throughput::GBitsSec:
-            return 125'000'000.0;
-        case Throughput::MBitsSec:
-            return 125'000.0;
-        case Throughput::KBitsSec:
-            return 125.0;
-        case Throughput::BitsSec:
-            return 0.125;
-    }
-    return 1.0;
+    return info(unit).bytesPerUnit;
 }
 
 double ratePerSecond(Throughput unit, uint64_t bytes, double seconds) {
