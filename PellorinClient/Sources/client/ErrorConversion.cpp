@@ -10,7 +10,7 @@ namespace pellorin {
 namespace {
 
 std::shared_ptr<const ErrorMessage> clientError(int64_t code, std::string message) {
-    return std::make_shared<const ErrorMessage>(kPellorinClientErrorDomain, code,
+    return std::make_shared<const ErrorMessage>(std::string(kPellorinClientErrorDomain), code,
                                                 std::move(message), std::nullopt);
 }
 

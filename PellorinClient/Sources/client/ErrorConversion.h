@@ -2,6 +2,8 @@
 #pragma once
 
 #include <memory>
+#include <string>
+#include <string_view>
 
 #include <pellorin/Messages.h>
 #include <pellorin/PellorinError.h>
@@ -9,7 +11,7 @@
 namespace pellorin {
 
 // The domain of the client's own errors.
-inline constexpr const char* kPellorinClientErrorDomain = "PellorinClient";
+inline constexpr std::string_view kPellorinClientErrorDomain = "PellorinClient";
 
 // One ErrorMessage per error; never fails. The client's own cases carry domain "PellorinClient"
 // and codes 1 to 6, a wrapped foreign error "Unknown" and 99999, a platform error its own domain,
