@@ -115,7 +115,9 @@ class Receiver {
     void setFaultScript(FaultScript script);
 
     std::vector<RequestRecord> requests() const;  // snapshot, in arrival order
-    int maxConcurrentRequests() const;  // high-water mark of requests being served at once
+    // High-water mark of requests being served at once: from the end of a request's head to the
+    // moment its answer is about to be sent (or the connection dropped).
+    int maxConcurrentRequests() const;
     // Forgets the records and attempt counts, and lowers the high-water mark to the number of
     // requests being served now.
     void resetRecords();

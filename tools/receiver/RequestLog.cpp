@@ -6,12 +6,18 @@ namespace pellorin::receiver {
 
 RequestLog::Visit::~Visit() {
     std::lock_guard lock(log_.mutex_);
-    --log_.serving_;
+    if (serving_) {
+        --log_.serving_;
+    }
 }
 
 void RequestLog::Visit::complete(RequestRecord record) {
     std::lock_guard lock(log_.mutex_);
     *slot_ = std::move(record);
+    if (serving_) {
+        --log_.serving_;
+        serving_ = false;
+    }
 }
 
 RequestLog::Visit RequestLog::arrive(RequestRecord record) {

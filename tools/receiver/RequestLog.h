@@ -18,7 +18,9 @@ namespace pellorin::receiver {
 class RequestLog {
   public:
     // One request from arrival to answer. Holds the request's slot in the log (shared with the
-    // log, which drops it on reset) and counts the request as being served until it is destroyed.
+    // log, which drops it on reset) and counts the request as being served until it completes
+    // (or is destroyed). A request stops counting before its answer goes out: a client that
+    // starts its next request on receiving the answer must not be seen as exceeding its limit.
     class Visit {
       public:
         ~Visit();
@@ -26,8 +28,9 @@ class RequestLog {
         Visit& operator=(const Visit&) = delete;
 
         uint32_t attempt() const { return attempt_; }
-        // Replaces the request's record with its final state. Call before answering, so that a
-        // client holding its answer finds the record complete.
+        // Replaces the request's record with its final state and ends its count as being
+        // served. Call before answering, so that a client holding its answer finds the record
+        // complete.
         void complete(RequestRecord record);
 
       private:
@@ -38,6 +41,7 @@ class RequestLog {
         RequestLog& log_;
         std::shared_ptr<RequestRecord> slot_;
         uint32_t attempt_;
+        bool serving_ = true;  // guarded by log_.mutex_
     };
 
     // Records a request whose head has been read; `record` holds what is known so far.
