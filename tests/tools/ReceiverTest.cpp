@@ -411,6 +411,10 @@ TEST(Receiver, RejectsBadRequestsAndKeepsServing) {
     EXPECT_EQ(answers.find("HTTP/1.1 200 OK"), 0u);
     EXPECT_NE(answers.find("HTTP/1.1 200 OK", 1), std::string::npos);
     EXPECT_EQ(readRange(dir.path() / "pipe", 0, 6), "abcdef");
+    const auto records = receiver.requests();
+    ASSERT_GE(records.size(), 2u);
+    EXPECT_EQ(records[records.size() - 2].md5Hex, "900150983cd24fb0d6963f7d28e17f72");  // "abc"
+    EXPECT_EQ(records.back().md5Hex, "4ed9407630eb1000c0f6b63842defa7d");               // "def"
 }
 
 TEST(Receiver, StopsPromptlyWithStalledAndIdleClients) {

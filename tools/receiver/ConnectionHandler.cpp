@@ -249,7 +249,7 @@ ConnectionHandler::Next ConnectionHandler::serve(const RequestHead& head) {
         return unanswered();
     }
     if (fault.garbageResponse) {
-        unanswered();
+        unanswered();  // what goes out next is not an answer: the record keeps status 0
         connection_.writeAll(kGarbage);
         return Next::close;
     }

@@ -111,7 +111,6 @@ class Receiver::Impl {
                "://127.0.0.1:" + std::to_string(port());
     }
     std::string certificateFile() const {
-        std::lock_guard lock(lifecycleMutex_);
         return tls_ ? tls_->certificateFile().string() : std::string();
     }
     RequestLog& log() { return log_; }
@@ -186,7 +185,7 @@ class Receiver::Impl {
     StopSignal stop_;
     mutable std::mutex lifecycleMutex_;  // serialises start() and stop()
     bool started_ = false;               // guarded by lifecycleMutex_
-    std::unique_ptr<TlsIdentity> tls_;   // set by start() before any thread reads it
+    std::unique_ptr<TlsIdentity> tls_;   // set by start() before any other thread reads it
     UniqueFd listener_;                  // set by start(), closed by stop()
     std::atomic<uint16_t> port_{0};
     std::thread acceptThread_;
