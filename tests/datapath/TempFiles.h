@@ -3,7 +3,6 @@
 
 #include <gtest/gtest.h>
 
-#include <cstdint>
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
@@ -15,24 +14,17 @@ namespace pellorin::testing {
 class TempFiles {
   public:
     TempFiles() {
-        std::string pattern = (std::filesystem::temp_directory_path() / "pellorin-XXXXXX").string();
-        if (::mkdtemp(pattern.data()) == nullptr) {
-            ADD_FAILURE() << "mkdtemp failed";
-        }
-        dir_ = pattern;
+        std::string dir = (std::filesystem::temp_directory_path() / "pellorin-XXXXXX").string();
+        EXPECT_NE(::mkdtemp(dir.data()), nullptr);
+        dir_ = dir;
     }
     ~TempFiles() { std::filesystem::remove_all(dir_); }
-    TempFiles(const TempFiles&) = delete;
-    TempFiles& operator=(const TempFiles&) = delete;
 
     std::string path(const std::string& name) const { return (dir_ / name).string(); }
-
     std::string write(const std::string& name, const std::vector<uint8_t>& bytes) const {
-        const std::string file = path(name);
-        std::ofstream out(file, std::ios::binary);
-        out.write(reinterpret_cast<const char*>(bytes.data()),
-                  static_cast<std::streamsize>(bytes.size()));
-        return file;
+        std::ofstream(path(name), std::ios::binary)
+            .write(reinterpret_cast<const char*>(bytes.data()), std::ssize(bytes));
+        return path(name);
     }
 
   private:
