@@ -76,8 +76,10 @@ std::string base64Encode(std::span<const uint8_t> bytes) {
     for (size_t i = 0; i < bytes.size(); i += 3) {
         const size_t n = std::min<size_t>(3, bytes.size() - i);
         uint32_t group = static_cast<uint32_t>(bytes[i]) << 16;
-        if (n > 1) group |= static_cast<uint32_t>(bytes[i + 1]) << 8;
-        if (n > 2) group |= bytes[i + 2];
+        if (n > 1)
+            group |= static_cast<uint32_t>(bytes[i + 1]) << 8;
+        if (n > 2)
+            group |= bytes[i + 2];
         text.push_back(kBase64Alphabet[(group >> 18) & 63]);
         text.push_back(kBase64Alphabet[(group >> 12) & 63]);
         text.push_back(n > 1 ? kBase64Alphabet[(group >> 6) & 63] : '=');

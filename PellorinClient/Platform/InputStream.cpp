@@ -4,14 +4,22 @@ namespace pellorin {
 
 const char* toString(StreamStatus status) {
     switch (status) {
-        case StreamStatus::notOpen: return "notOpen";
-        case StreamStatus::opening: return "opening";
-        case StreamStatus::open: return "open";
-        case StreamStatus::reading: return "reading";
-        case StreamStatus::writing: return "writing";
-        case StreamStatus::atEnd: return "atEnd";
-        case StreamStatus::closed: return "closed";
-        case StreamStatus::error: return "error";
+        case StreamStatus::notOpen:
+            return "notOpen";
+        case StreamStatus::opening:
+            return "opening";
+        case StreamStatus::open:
+            return "open";
+        case StreamStatus::reading:
+            return "reading";
+        case StreamStatus::writing:
+            return "writing";
+        case StreamStatus::atEnd:
+            return "atEnd";
+        case StreamStatus::closed:
+            return "closed";
+        case StreamStatus::error:
+            return "error";
     }
     return "unknown";
 }

@@ -31,13 +31,13 @@ class InputStream;
 
 // Receiver of stream events; called on the queue the stream is scheduled on.
 class StreamDelegate {
-public:
+  public:
     virtual ~StreamDelegate() = default;
     virtual void streamHandleEvent(InputStream& stream, StreamEvent event) = 0;
 };
 
 class InputStream : public std::enable_shared_from_this<InputStream> {
-public:
+  public:
     virtual ~InputStream() = default;
 
     virtual void open() = 0;
@@ -56,7 +56,7 @@ public:
     virtual void schedule(std::shared_ptr<SerialQueue> queue, std::string mode) = 0;
     virtual void remove(const std::shared_ptr<SerialQueue>& queue, const std::string& mode) = 0;
 
-protected:
+  protected:
     // Posts `event` to `queue` as an async block. When the block runs it calls the delegate
     // (if one is set then) with this stream, unless the stream has gone away meanwhile.
     void postEvent(const std::shared_ptr<SerialQueue>& queue, StreamEvent event);

@@ -13,7 +13,7 @@
 namespace pellorin {
 
 class RepeatingTimer {
-public:
+  public:
     // interval and leeway in seconds. An interval that is not a positive finite number makes a
     // timer that never fires. The leeway is accepted for the record; ticks are as punctual as
     // the thread scheduler allows.
@@ -26,7 +26,7 @@ public:
     // Stops future ticks. Any thread.
     void cancel();
 
-private:
+  private:
     struct State;
     std::shared_ptr<State> state_;
 };

@@ -9,7 +9,7 @@
 namespace pellorin {
 
 class Semaphore {
-public:
+  public:
     explicit Semaphore(long value) : value_(value) {}
     Semaphore(const Semaphore&) = delete;
     Semaphore& operator=(const Semaphore&) = delete;
@@ -25,10 +25,10 @@ public:
         return waitUntil(std::chrono::system_clock::now() + timeout);
     }
 
-private:
+  private:
     std::mutex mutex_;
     std::condition_variable available_;
-    long value_;       // guarded by mutex_
+    long value_;        // guarded by mutex_
     long waiters_ = 0;  // guarded by mutex_
 };
 

@@ -81,6 +81,8 @@ void SerialQueue::sync(const std::function<void()>& block) {
     doneSignal.wait(lock, [&] { return done; });
 }
 
-bool SerialQueue::isCurrent() const { return std::this_thread::get_id() == state_->workerId; }
+bool SerialQueue::isCurrent() const {
+    return std::this_thread::get_id() == state_->workerId;
+}
 
 }  // namespace pellorin

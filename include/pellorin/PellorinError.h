@@ -11,7 +11,7 @@
 namespace pellorin {
 
 class PELLORIN_EXPORT PellorinError {
-public:
+  public:
     enum class Kind {
         retryCountExceeded,         // retries(): the raised retry count
         checksumFailed,             // local(), remote(): hexadecimal checksums
@@ -46,11 +46,11 @@ public:
 
     bool operator==(const PellorinError& other) const;
 
-private:
+  private:
     explicit PellorinError(Kind kind) : kind_(kind) {}
     Kind kind_;
     uint64_t retries_ = 0;
-    std::string local_;   // also the wrapped error's description
+    std::string local_;  // also the wrapped error's description
     std::string remote_;
     int64_t code_ = 0;
     double wait_ = 0.0;

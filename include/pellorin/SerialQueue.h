@@ -15,7 +15,7 @@
 namespace pellorin {
 
 class PELLORIN_EXPORT SerialQueue {
-public:
+  public:
     explicit SerialQueue(std::string label);
     ~SerialQueue();
     SerialQueue(const SerialQueue&) = delete;
@@ -34,7 +34,7 @@ public:
     bool isCurrent() const;
     const std::string& label() const { return label_; }
 
-private:
+  private:
     struct State;
     std::string label_;
     std::shared_ptr<State> state_;

@@ -10,7 +10,7 @@
 namespace pellorin {
 
 class PELLORIN_EXPORT Url {
-public:
+  public:
     // Parses an absolute URL (scheme and host required; any scheme is accepted). Returns no
     // value when the text does not form a URL.
     static std::optional<Url> parse(std::string_view text);
@@ -26,7 +26,7 @@ public:
 
     bool operator==(const Url& other) const { return absolute_ == other.absolute_; }
 
-private:
+  private:
     Url() = default;
     std::string absolute_;
     std::string scheme_;

@@ -40,8 +40,12 @@ PellorinError PellorinError::nsError(PlatformError error) {
     return e;
 }
 
-PellorinError PellorinError::noRemoteChecksum() { return PellorinError(Kind::noRemoteChecksum); }
-PellorinError PellorinError::cancelledByUser() { return PellorinError(Kind::cancelledByUser); }
+PellorinError PellorinError::noRemoteChecksum() {
+    return PellorinError(Kind::noRemoteChecksum);
+}
+PellorinError PellorinError::cancelledByUser() {
+    return PellorinError(Kind::cancelledByUser);
+}
 
 std::string PellorinError::description() const {
     switch (kind_) {
@@ -50,14 +54,18 @@ std::string PellorinError::description() const {
         case Kind::checksumFailed:
             return "checksumFailed(local: " + local_ + ", remote: " + remote_ + ")";
         case Kind::retryAfter:
-            return "retryAfter(code: " + std::to_string(code_) + ", wait: " + std::to_string(wait_) +
-                   ")";
+            return "retryAfter(code: " + std::to_string(code_) +
+                   ", wait: " + std::to_string(wait_) + ")";
         case Kind::unknownServerResponseCode:
             return "unknownServerResponseCode(code: " + std::to_string(code_) + ")";
-        case Kind::error: return "error(wrapped: " + local_ + ")";
-        case Kind::nsError: return "nsError(" + platformError_.description() + ")";
-        case Kind::noRemoteChecksum: return "noRemoteChecksum";
-        case Kind::cancelledByUser: return "cancelledByUser";
+        case Kind::error:
+            return "error(wrapped: " + local_ + ")";
+        case Kind::nsError:
+            return "nsError(" + platformError_.description() + ")";
+        case Kind::noRemoteChecksum:
+            return "noRemoteChecksum";
+        case Kind::cancelledByUser:
+            return "cancelledByUser";
     }
     return "unknown";
 }

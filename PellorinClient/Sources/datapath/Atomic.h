@@ -17,7 +17,7 @@ namespace pellorin {
 
 template <typename T>
 class Atomic {
-public:
+  public:
     explicit Atomic(T initial) : inner_(std::move(initial)) {}
     Atomic(const Atomic&) = delete;
     Atomic& operator=(const Atomic&) = delete;
@@ -37,14 +37,14 @@ public:
         return change(inner_);
     }
 
-private:
+  private:
     mutable std::mutex mutex_;
     T inner_;  // guarded by mutex_
 };
 
 template <typename T>
 class AtomicArray {
-public:
+  public:
     AtomicArray() = default;
     explicit AtomicArray(std::vector<T> initial) : array_(std::move(initial)) {}
     AtomicArray(const AtomicArray&) = delete;
@@ -94,12 +94,18 @@ public:
             visit(element);
         }
     }
+    // Runs `change` on the whole array under the lock (e.g. to take every element out at once).
+    template <typename F>
+    void modifyAll(F&& change) {
+        std::lock_guard lock(mutex_);
+        change(array_);
+    }
     void removeAll() {
         std::lock_guard lock(mutex_);
         array_.clear();
     }
 
-private:
+  private:
     mutable std::mutex mutex_;
     std::vector<T> array_;  // guarded by mutex_
 };

@@ -15,10 +15,20 @@ void check(int result, const char* what) {
 }
 }  // namespace
 
-ReadWriteLock::ReadWriteLock() { check(pthread_rwlock_init(&rwlock_, nullptr), "pthread_rwlock_init"); }
-ReadWriteLock::~ReadWriteLock() { pthread_rwlock_destroy(&rwlock_); }
-void ReadWriteLock::lockRead() { check(pthread_rwlock_rdlock(&rwlock_), "pthread_rwlock_rdlock"); }
-void ReadWriteLock::lockWrite() { check(pthread_rwlock_wrlock(&rwlock_), "pthread_rwlock_wrlock"); }
-void ReadWriteLock::unlock() { check(pthread_rwlock_unlock(&rwlock_), "pthread_rwlock_unlock"); }
+ReadWriteLock::ReadWriteLock() {
+    check(pthread_rwlock_init(&rwlock_, nullptr), "pthread_rwlock_init");
+}
+ReadWriteLock::~ReadWriteLock() {
+    pthread_rwlock_destroy(&rwlock_);
+}
+void ReadWriteLock::lockRead() {
+    check(pthread_rwlock_rdlock(&rwlock_), "pthread_rwlock_rdlock");
+}
+void ReadWriteLock::lockWrite() {
+    check(pthread_rwlock_wrlock(&rwlock_), "pthread_rwlock_wrlock");
+}
+void ReadWriteLock::unlock() {
+    check(pthread_rwlock_unlock(&rwlock_), "pthread_rwlock_unlock");
+}
 
 }  // namespace pellorin

@@ -7,7 +7,7 @@
 namespace pellorin {
 
 class ReadWriteLock {
-public:
+  public:
     ReadWriteLock();  // a failure to initialise the lock is a fatal stop
     ~ReadWriteLock();
     ReadWriteLock(const ReadWriteLock&) = delete;
@@ -29,7 +29,7 @@ public:
         ReadWriteLock& lock_;
     };
 
-private:
+  private:
     pthread_rwlock_t rwlock_;
 };
 
