@@ -9,13 +9,12 @@
 #include <cstdlib>
 #include <thread>
 
+#include "FileBytes.h"
 #include "Platform/Encoding.h"
-#include "TempFiles.h"
+#include "support/TempDir.h"
 
 namespace pellorin {
 namespace {
-
-using testing::patternBytes;
 
 std::vector<uint8_t> md5Of(std::span<const uint8_t> bytes) {
     auto digest = newDigest(DigestAlgorithm::md5);
@@ -43,16 +42,17 @@ class PartStream : public ::testing::Test, public StreamDelegate {
     }
     void streamHandleEvent(InputStream&, StreamEvent event) override { events.push_back(event); }
 
-    testing::TempFiles temp;
-    const std::vector<uint8_t> content = patternBytes(300);
-    std::shared_ptr<SharedFile> file = std::make_shared<SharedFile>(temp.write("f", content));
+    testing::TempDir temp;
+    const std::filesystem::path path = temp.makeFile("f", 300, 1);
+    const std::vector<uint8_t> content = testing::fileBytes(path);
+    std::shared_ptr<SharedFile> file = std::make_shared<SharedFile>(path);
     std::shared_ptr<SerialQueue> queue = SerialQueue::make("events");
     std::vector<std::shared_ptr<FilePartInputStream>> streams;
     std::vector<StreamEvent> events;  // on `queue` only
 };
 
 TEST_F(PartStream, EveryReadSizeServesExactlyTheRangeAndItsDigest) {
-    auto emptyFile = std::make_shared<SharedFile>(temp.write("empty", {}));
+    auto emptyFile = std::make_shared<SharedFile>(temp.makeFile("empty", 0, 1));
     struct Range {
         std::shared_ptr<SharedFile> file;
         uint64_t offset, length;
@@ -154,8 +154,9 @@ TEST_F(PartStream, ReadsAreCutToThePermitsTaken) {
 
 TEST_F(PartStream, ConcurrentStreamsShareOneFileAndOneLimiter) {
     constexpr uint64_t kPart = 256 * 1024, kStreams = 4;
-    const std::vector<uint8_t> random = randomData(kPart * kStreams);
-    file = std::make_shared<SharedFile>(temp.write("random", random));
+    const auto bigger = temp.makeFile("bigger", kPart * kStreams, 2);
+    const std::vector<uint8_t> random = testing::fileBytes(bigger);
+    file = std::make_shared<SharedFile>(bigger);
     auto limiter = RateLimiter::make(100'000'000);  // 1 MB per 10 ms refill
     std::vector<std::vector<uint8_t>> digests(kStreams);
     std::vector<std::thread> readers;
@@ -185,15 +186,15 @@ TEST_F(PartStream, LargeFileMatchesMd5sum) {
         GTEST_SKIP() << "PELLORIN_SKIP_LARGE is set";
     }
     constexpr uint64_t kMiB = 1 << 20, kSize = 1024 * kMiB;
-    const std::string path = temp.path("large");
-    const int fd = ::open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600);
+    const std::string large = temp.path() / "large";
+    const int fd = ::open(large.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600);
     ASSERT_EQ(::ftruncate(fd, kSize), 0);
     for (uint64_t at = 4096; at < kSize; at += 64 * kMiB) {
         ASSERT_EQ(::pwrite(fd, randomData(kMiB).data(), kMiB, static_cast<off_t>(at)), kMiB);
     }
     ::close(fd);
 
-    file = std::make_shared<SharedFile>(path);
+    file = std::make_shared<SharedFile>(large);
     auto s = stream(0, kSize);
     s->open();
     std::vector<uint8_t> buffer(kMiB);
@@ -202,7 +203,7 @@ TEST_F(PartStream, LargeFileMatchesMd5sum) {
     }
     EXPECT_EQ(s->bytesRead(), kSize);
 
-    std::FILE* md5sum = ::popen(("md5sum '" + path + "'").c_str(), "r");
+    std::FILE* md5sum = ::popen(("md5sum '" + large + "'").c_str(), "r");
     char sum[33] = {};
     ASSERT_EQ(std::fread(sum, 1, 32, md5sum), 32u);
     ::pclose(md5sum);

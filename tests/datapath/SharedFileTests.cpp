@@ -6,13 +6,14 @@
 
 #include <cerrno>
 
-#include "TempFiles.h"
+#include "FileBytes.h"
+#include "support/TempDir.h"
 
 namespace pellorin {
 namespace {
 
-using testing::patternBytes;
-using testing::TempFiles;
+using testing::fileBytes;
+using testing::TempDir;
 
 // The SharedFileError that `action` throws (a failure when it throws none).
 template <typename F>
@@ -27,14 +28,15 @@ SharedFileError thrownBy(F&& action) {
 }
 
 TEST(SharedFile, RangeEdges) {
-    TempFiles temp;
-    SharedFile empty(temp.write("empty", {}));
+    TempDir temp;
+    SharedFile empty(temp.makeFile("empty", 0, 1));
     uint8_t bytes[2];
     EXPECT_EQ(thrownBy([&] { empty.read(bytes, 0, 0); }).kind, SharedFileError::Kind::SeekPastEnd);
     EXPECT_EQ(thrownBy([&] { empty.read(0, 1); }).kind, SharedFileError::Kind::SeekPastEnd);
 
-    const auto content = patternBytes(10);
-    SharedFile file(temp.write("ten", content));
+    const auto path = temp.makeFile("ten", 10, 1);
+    const auto content = fileBytes(path);
+    SharedFile file(path);
     EXPECT_EQ(file.read(bytes, 9, 1), 1);
     EXPECT_EQ(bytes[0], content[9]);
     EXPECT_EQ(thrownBy([&] { file.read(bytes, 10, 1); }).description(),
@@ -46,18 +48,18 @@ TEST(SharedFile, RangeEdges) {
 }
 
 TEST(SharedFile, OpenFailures) {
-    TempFiles temp;
-    const SharedFileError missing = thrownBy([&] { SharedFile file(temp.path("missing")); });
+    TempDir temp;
+    const SharedFileError missing = thrownBy([&] { SharedFile file(temp.path() / "missing"); });
     EXPECT_EQ(missing.kind, SharedFileError::Kind::IO);
     EXPECT_EQ(missing.errnoValue, ENOENT);
-    EXPECT_EQ(thrownBy([&] { SharedFile file(temp.path("")); }).errnoValue, EISDIR);
+    EXPECT_EQ(thrownBy([&] { SharedFile file(temp.path()); }).errnoValue, EISDIR);
 }
 
 TEST(SharedFile, ReferencesCountStreamsAndDescriptorLivesWithTheObject) {
-    TempFiles temp;
+    TempDir temp;
     int fd;
     {
-        SharedFile file(temp.write("f", patternBytes(4)));
+        SharedFile file(temp.makeFile("f", 4, 1));
         file.open();
         file.open();
         file.close();
