@@ -1,0 +1,110 @@
+// Helpers for the HTTP session tests: a delegate that records every callback, and body streams
+// that sleep or fail.
+#pragma once
+
+#include <chrono>
+#include <condition_variable>
+#include <functional>
+#include <memory>
+#include <mutex>
+#include <optional>
+#include <vector>
+
+#include "Platform/HttpSession.h"
+#include "Platform/MemoryInputStream.h"
+
+namespace pellorin::testing {
+
+struct SessionEvent {
+    enum class Kind { needBodyStream, sentBodyData, metrics, completed, invalidated };
+    explicit SessionEvent(Kind kind, uint64_t task = 0) : kind(kind), task(task) {}
+    Kind kind;
+    uint64_t task;
+    int64_t bytesSent = 0, totalBytesSent = 0, totalExpected = 0;  // sentBodyData
+    TaskMetrics metrics;                                           // metrics
+    std::optional<PlatformError> error;                            // completed, invalidated
+    std::shared_ptr<const HttpResponse> response;                  // completed
+};
+
+// Records every callback with the task it concerns; answers body-stream requests through
+// `bodyFor` (nullptr answers "no stream"). Counts callbacks that came off the delegate queue.
+class RecordingDelegate : public HttpSessionDelegate {
+  public:
+    using BodySupplier = std::function<std::shared_ptr<InputStream>(UploadTask&)>;
+    RecordingDelegate(std::shared_ptr<SerialQueue> queue, BodySupplier bodyFor)
+        : queue_(std::move(queue)), bodyFor_(std::move(bodyFor)) {}
+
+    void urlSessionTaskNeedNewBodyStream(
+        HttpSession& session, UploadTask& task,
+        std::function<void(std::shared_ptr<InputStream>)> completionHandler) override;
+    void urlSessionTaskDidSendBodyData(HttpSession& session, UploadTask& task, int64_t bytesSent,
+                                       int64_t totalBytesSent,
+                                       int64_t totalBytesExpectedToSend) override;
+    void urlSessionTaskDidFinishCollectingMetrics(HttpSession& session, UploadTask& task,
+                                                  const TaskMetrics& metrics) override;
+    void urlSessionTaskDidCompleteWithError(HttpSession& session, UploadTask& task,
+                                            const std::optional<PlatformError>& error) override;
+    void urlSessionDidBecomeInvalidWithError(HttpSession& session,
+                                             const std::optional<PlatformError>& error) override;
+
+    // Waits (bounded) until `count` tasks have completed / the session has become invalid.
+    bool waitForCompletions(size_t count,
+                            std::chrono::milliseconds limit = std::chrono::seconds(10));
+    bool waitForInvalidation(std::chrono::milliseconds limit = std::chrono::seconds(10));
+    std::vector<SessionEvent> events() const;
+    std::vector<SessionEvent> eventsOf(SessionEvent::Kind kind) const;
+    // The completion event of `task`, if it came.
+    std::optional<SessionEvent> completionOf(uint64_t task) const;
+    int offQueueCalls() const;
+
+  private:
+    void record(SessionEvent event);
+
+    const std::shared_ptr<SerialQueue> queue_;
+    const BodySupplier bodyFor_;
+    mutable std::mutex mutex_;
+    std::condition_variable changed_;
+    std::vector<SessionEvent> events_;  // guarded by mutex_
+    int offQueueCalls_ = 0;             // guarded by mutex_
+};
+
+// A stream over bytes in memory whose reads first sleep, or fail once `failAfter` bytes have
+// been read.
+class TestStream : public MemoryInputStream {
+  public:
+    explicit TestStream(std::vector<uint8_t> bytes,
+                        std::chrono::milliseconds sleepPerRead = std::chrono::milliseconds(0),
+                        std::optional<int64_t> failAfter = std::nullopt)
+        : MemoryInputStream(std::move(bytes)), sleepPerRead_(sleepPerRead), failAfter_(failAfter) {}
+    int64_t read(uint8_t* buffer, int64_t maxLength) override;
+
+  private:
+    const std::chrono::milliseconds sleepPerRead_;
+    const std::optional<int64_t> failAfter_;
+    int64_t delivered_ = 0;  // transfer thread only
+};
+
+// A session with a recording delegate on a queue of its own.
+struct SessionHarness {
+    explicit SessionHarness(RecordingDelegate::BodySupplier bodyFor,
+                            SessionConfiguration configuration = SessionConfiguration::ephemeral());
+
+    // Runs one streamed task to its end, invalidates the session and returns the task's
+    // completion (no value when it did not come in time).
+    std::optional<SessionEvent> runOne(HttpRequest request);
+
+    std::shared_ptr<SerialQueue> queue = SerialQueue::make("test.delegate");
+    std::shared_ptr<RecordingDelegate> delegate;
+    std::shared_ptr<HttpSession> session;
+};
+
+// Deterministic bytes for bodies.
+std::vector<uint8_t> patternBytes(size_t count, uint32_t seed = 1);
+
+// A request to `url` whose "Content-Length" is `length`, method PUT.
+HttpRequest uploadRequest(const std::string& url, int64_t length);
+
+// A TCP port on 127.0.0.1 that nothing listens on.
+int closedPort();
+
+}  // namespace pellorin::testing
