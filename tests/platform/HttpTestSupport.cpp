@@ -7,6 +7,7 @@
 
 #include <stdexcept>
 #include <thread>
+#include <tuple>
 
 namespace pellorin::testing {
 
@@ -150,16 +151,40 @@ HttpRequest uploadRequest(const std::string& url, int64_t length) {
     return request;
 }
 
-int closedPort() {
-    const int fd = ::socket(AF_INET, SOCK_STREAM, 0);
+namespace {
+
+// A TCP socket bound to an ephemeral port on 127.0.0.1; returns the descriptor and the port.
+std::pair<int, int> boundSocket() {
+    const int fd = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
     sockaddr_in address{};
     address.sin_family = AF_INET;
     address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
     socklen_t length = sizeof address;
-    ::bind(fd, reinterpret_cast<sockaddr*>(&address), sizeof address);
-    ::getsockname(fd, reinterpret_cast<sockaddr*>(&address), &length);
+    if (fd < 0 || ::bind(fd, reinterpret_cast<sockaddr*>(&address), sizeof address) != 0 ||
+        ::getsockname(fd, reinterpret_cast<sockaddr*>(&address), &length) != 0) {
+        throw std::runtime_error("cannot bind a loopback socket");
+    }
+    return {fd, ntohs(address.sin_port)};
+}
+
+}  // namespace
+
+int closedPort() {
+    const auto [fd, port] = boundSocket();
     ::close(fd);  // bound but never listening: connections to it are refused
-    return ntohs(address.sin_port);
+    return port;
+}
+
+SilentListener::SilentListener() {
+    std::tie(fd_, port_) = boundSocket();
+    if (::listen(fd_, 64) != 0) {
+        ::close(fd_);
+        throw std::runtime_error("cannot listen on a loopback socket");
+    }
+}
+
+SilentListener::~SilentListener() {
+    ::close(fd_);
 }
 
 }  // namespace pellorin::testing

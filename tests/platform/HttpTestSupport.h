@@ -107,4 +107,19 @@ HttpRequest uploadRequest(const std::string& url, int64_t length);
 // A TCP port on 127.0.0.1 that nothing listens on.
 int closedPort();
 
+// A socket on 127.0.0.1 that listens but never accepts: connections are made by the kernel and
+// then nothing is read or answered, so every transfer to it stalls.
+class SilentListener {
+  public:
+    SilentListener();
+    ~SilentListener();
+    SilentListener(const SilentListener&) = delete;
+    SilentListener& operator=(const SilentListener&) = delete;
+    std::string url() const { return "http://127.0.0.1:" + std::to_string(port_) + "/stall"; }
+
+  private:
+    int fd_ = -1;
+    int port_ = 0;
+};
+
 }  // namespace pellorin::testing
