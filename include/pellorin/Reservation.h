@@ -1,0 +1,202 @@
+// The reservation service's records: the JSON-RPC envelope, the reservation request the client
+// sends, the reservations and upload operations the service answers with, and the operation pairs
+// of a reservation file. All are plain values, safe to copy and to use from any thread; the coding
+// functions at the end are pure and may run on any thread.
+#pragma once
+
+#include <cstdint>
+#include <map>
+#include <optional>
+#include <stdexcept>
+#include <string>
+#include <string_view>
+#include <utility>
+#include <vector>
+
+#include <pellorin/Export.h>
+#include <pellorin/Url.h>
+
+namespace pellorin {
+
+// A JSON-RPC call: encoded as {"jsonrpc", "method", "id", "params"}, params as a nested object.
+template <typename Params>
+struct JSONRPCRequest {
+    std::string jsonrpc;  // "2.0" in every call this library makes
+    std::string method;
+    std::string id;  // chosen by the caller
+    Params params;
+
+    bool operator==(const JSONRPCRequest&) const = default;
+};
+
+// A JSON-RPC answer: {"jsonrpc", "id", "result"}, all three required. Service errors arrive
+// inside the result record; the envelope has no error member.
+template <typename Result>
+struct JSONRPCResult {
+    std::string jsonrpc;
+    std::string id;
+    Result result;
+
+    bool operator==(const JSONRPCResult&) const = default;
+};
+
+// One file offered for upload. Immutable.
+class PELLORIN_EXPORT FileDescription {
+  public:
+    FileDescription(std::string fileName, uint64_t fileSize, std::string checksum,
+                    std::string checksumAlgorithm, std::string contentType, std::string uti);
+
+    const std::string& fileName() const { return fileName_; }
+    uint64_t fileSize() const { return fileSize_; }
+    const std::string& checksum() const { return checksum_; }  // hexadecimal digest
+    const std::string& checksumAlgorithm() const { return checksumAlgorithm_; }  // "SHA-256"
+    const std::string& contentType() const { return contentType_; }              // a media type
+    const std::string& uti() const { return uti_; }  // a uniform type identifier
+
+    bool operator==(const FileDescription&) const = default;
+
+  private:
+    std::string fileName_;
+    uint64_t fileSize_;
+    std::string checksum_;
+    std::string checksumAlgorithm_;
+    std::string contentType_;
+    std::string uti_;
+};
+
+// The params of a reservation call. Its JSON keys are capitalised ("Username", "Password",
+// "LumoProviderName", "NewPackageName", "Application", "Version", "BaseVersion", "OSIdentifier"),
+// except "fileDescriptions", and are written in that order. The first four values are fixed at
+// construction; the file list only grows; the four descriptive values start at their defaults.
+class PELLORIN_EXPORT CreateReservationRequest {
+  public:
+    static constexpr std::string_view defaultApplication = "Vantrel";
+    static constexpr std::string_view defaultVersion = "2.0.0";
+    static constexpr std::string_view defaultBaseVersion = "2.0.0";
+    // A fixed description of the host platform, never read from the running machine.
+    static constexpr std::string_view defaultOSIdentifier =
+        "Orvex OS 10.14.6 (x86_64); rvm=11.0.2+9; rte=11.0.2+9";
+
+    // provider is sent as "LumoProviderName"; no provider writes no such key at all.
+    CreateReservationRequest(std::string username, std::string password,
+                             std::optional<std::string> provider, std::string newPackageName);
+
+    // Appends one file, keeping insertion order.
+    void add(FileDescription fileDescription);
+
+    const std::string& username() const { return username_; }
+    const std::string& password() const { return password_; }
+    const std::optional<std::string>& lumoProviderName() const { return lumoProviderName_; }
+    const std::string& newPackageName() const { return newPackageName_; }
+    const std::vector<FileDescription>& fileDescriptions() const { return fileDescriptions_; }
+    const std::string& application() const { return application_; }
+    const std::string& version() const { return version_; }
+    const std::string& baseVersion() const { return baseVersion_; }
+    const std::string& osIdentifier() const { return osIdentifier_; }
+
+    void setApplication(std::string application) { application_ = std::move(application); }
+    void setVersion(std::string version) { version_ = std::move(version); }
+    void setBaseVersion(std::string baseVersion) { baseVersion_ = std::move(baseVersion); }
+    void setOSIdentifier(std::string osIdentifier) { osIdentifier_ = std::move(osIdentifier); }
+
+    bool operator==(const CreateReservationRequest&) const = default;
+
+  private:
+    std::string username_;
+    std::string password_;
+    std::optional<std::string> lumoProviderName_;
+    std::string newPackageName_;
+    std::vector<FileDescription> fileDescriptions_;
+    std::string application_{defaultApplication};
+    std::string version_{defaultVersion};
+    std::string baseVersion_{defaultBaseVersion};
+    std::string osIdentifier_{defaultOSIdentifier};
+};
+
+// One upload step, in practice one part of a file. Keys: "method", "uri", "headers",
+// "partNumber", "offset", "length", "expires", "entityTag". The integers are decoded as signed
+// 64-bit values exactly as the service sent them; checking them against the file is the
+// transfer's business.
+struct Operation {
+    std::string method;  // HTTP method name, e.g. "PUT"
+    Url uri;             // absolute; written as its absolute string
+    std::optional<std::map<std::string, std::string>> headers;  // extra request headers
+    int64_t partNumber = 0;
+    int64_t offset = 0;   // first byte of the part in the file
+    int64_t length = 0;   // byte count of the part
+    std::string expires;  // the service's text, never parsed
+    std::optional<std::string> entityTag;
+
+    bool operator==(const Operation&) const = default;
+};
+
+// What the service reserved for one file: keys "id", "file", "operations".
+struct Reservation {
+    std::string id;
+    std::string file;  // the file name the reservation is for
+    std::vector<Operation> operations;
+
+    bool operator==(const Reservation&) const = default;
+};
+
+// The result of a reservation call: keys "Reservations", "Errors", "Success" (required).
+struct CreateReservationResult {
+    std::optional<std::vector<Reservation>> reservations;  // absent when nothing was reserved
+    std::optional<std::vector<std::string>> errors;        // the service's error texts
+    bool success = false;
+
+    bool operator==(const CreateReservationResult&) const = default;
+};
+
+// One entry of a reservation file: a local file path and one operation on it.
+struct OperationPair {
+    std::string filePath;
+    Operation operation;
+
+    bool operator==(const OperationPair&) const = default;
+};
+
+// JSON text that does not decode into the expected records. The message names the fault's place:
+// the JSON path ("[3].operation.offset: expected an integer, found string") or, for text that is
+// not JSON at all, the byte position.
+class PELLORIN_EXPORT ReservationDecodeError : public std::runtime_error {
+  public:
+    // path is empty when the fault lies in the text itself or at its top level.
+    ReservationDecodeError(const std::string& message, std::string path);
+    const std::string& path() const { return path_; }
+
+  private:
+    std::string path_;
+};
+
+// A record that cannot be written as JSON (a text that is not valid UTF-8).
+class PELLORIN_EXPORT ReservationEncodeError : public std::runtime_error {
+  public:
+    using std::runtime_error::runtime_error;
+};
+
+// The reservation file: a JSON array of {"filePath", "operation"} objects, or null when nothing
+// was reserved (no value). Throws ReservationDecodeError.
+PELLORIN_EXPORT std::optional<std::vector<OperationPair>> decodeOperationPairs(
+    std::string_view jsonText);
+
+// Pretty-printed (two-space indentation, one member per line, no trailing newline); no value is
+// written as the four characters null. Throws ReservationEncodeError.
+PELLORIN_EXPORT std::string encodeOperationPairs(
+    const std::optional<std::vector<OperationPair>>& pairs);
+
+// The service's answer to a reservation call. Throws ReservationDecodeError.
+PELLORIN_EXPORT JSONRPCResult<CreateReservationResult> decodeCreateReservationResult(
+    std::string_view jsonText);
+
+// A reservation call, pretty-printed like encodeOperationPairs or compact. Throws
+// ReservationEncodeError.
+PELLORIN_EXPORT std::string encodeJSONRPCRequest(
+    const JSONRPCRequest<CreateReservationRequest>& request, bool pretty);
+
+// A reservation call as a service receives it (for stand-in services in tests and tools).
+// Throws ReservationDecodeError.
+PELLORIN_EXPORT JSONRPCRequest<CreateReservationRequest> decodeCreateReservationRequest(
+    std::string_view jsonText);
+
+}  // namespace pellorin

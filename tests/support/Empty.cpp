@@ -1,4 +1,0 @@
-// Keeps the test-support library non-empty while it has no other sources.
-namespace pellorin::testing {
-void testSupportAnchor() {}
-}  // namespace pellorin::testing

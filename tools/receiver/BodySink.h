@@ -1,0 +1,46 @@
+// Where one request body goes: an MD5 over every byte read and, optionally, a file the bytes are
+// written into at a given offset. One per connection, reused request after request, used only by
+// that connection's thread.
+#pragma once
+
+#include <array>
+#include <cstddef>
+#include <cstdint>
+#include <memory>
+#include <string>
+
+#include "receiver/UniqueFd.h"
+
+struct evp_md_ctx_st;
+
+namespace pellorin::receiver {
+
+class BodySink {
+  public:
+    using Digest = std::array<uint8_t, 16>;
+
+    BodySink();  // throws std::runtime_error when OpenSSL has no MD5
+    ~BodySink();
+    BodySink(const BodySink&) = delete;
+    BodySink& operator=(const BodySink&) = delete;
+
+    // Starts a body: a fresh digest, and `file` (when open) written from byte `offset` on.
+    void begin(UniqueFd file, uint64_t offset);
+    // Hashes the bytes and writes them to the file. After a failed write the file is dropped,
+    // the reason kept in writeError(), and hashing goes on.
+    void consume(const uint8_t* data, size_t size);
+    // Ends the body: the digest of every byte consumed since begin(); closes the file.
+    Digest finish();
+
+    uint64_t bytes() const { return bytes_; }
+    const std::string& writeError() const { return writeError_; }
+
+  private:
+    std::unique_ptr<evp_md_ctx_st, void (*)(evp_md_ctx_st*)> md5_;
+    UniqueFd file_;
+    uint64_t offset_ = 0;
+    uint64_t bytes_ = 0;
+    std::string writeError_;
+};
+
+}  // namespace pellorin::receiver

@@ -1,0 +1,320 @@
+#include "receiver/ConnectionHandler.h"
+
+#include <fcntl.h>
+
+#include <algorithm>
+#include <cctype>
+#include <cerrno>
+#include <cstring>
+#include <limits>
+#include <span>
+#include <string_view>
+
+#include "Platform/Encoding.h"
+
+namespace pellorin::receiver {
+
+namespace {
+
+// One read buffer per connection: large enough that a fast sender fills it in one recv, so the
+// per-chunk costs (system call, digest call, pwrite) vanish next to hashing the bytes.
+constexpr size_t kBufferSize = size_t{1} << 20;
+// The longest head accepted; longer ones are answered 431.
+constexpr size_t kMaxHeadSize = 64 * 1024;
+// Sent instead of an answer by the garbage fault: no status line, binary bytes, a blank line.
+constexpr char kGarbageBytes[] = "\x16\x03\x01 GARBAGE \xff\xfe not an answer \x00\r\n\r\n";
+constexpr std::string_view kGarbage(kGarbageBytes, sizeof kGarbageBytes - 1);
+
+using Headers = std::vector<std::pair<std::string, std::string>>;
+
+std::optional<uint64_t> decimalHeader(const RequestHead& head, std::string_view name) {
+    const auto value = head.header(name);
+    return value ? parseDecimal(*value) : std::nullopt;
+}
+
+bool validPartName(const std::string& name) {
+    return !name.empty() && name.find('/') == std::string::npos &&
+           name.find("..") == std::string::npos && name.find('\0') == std::string::npos;
+}
+
+// The checksum header of a successful answer, shaped by the fault.
+std::optional<std::pair<std::string, std::string>> checksumHeader(BodySink::Digest digest,
+                                                                  ChecksumMode mode,
+                                                                  const Fault& fault) {
+    if (fault.noChecksum) {
+        return std::nullopt;
+    }
+    if (fault.wrongChecksum) {
+        for (auto& byte : digest) {
+            byte ^= 0x5a;
+        }
+    }
+    if (mode == ChecksumMode::contentMD5 && !fault.quotedETag && !fault.upperCaseETag) {
+        return std::pair{std::string("Content-MD5"), base64Encode(digest)};
+    }
+    std::string hex = hexString(digest);
+    if (fault.upperCaseETag) {
+        std::ranges::transform(hex, hex.begin(), [](char c) { return std::toupper(c); });
+    }
+    if (fault.quotedETag) {
+        hex = '"' + hex + '"';
+    }
+    return std::pair{std::string("ETag"), hex};
+}
+
+}  // namespace
+
+ConnectionHandler::ConnectionHandler(Connection& connection, RequestLog& log,
+                                     const StopSignal& stop, const ReceiverOptions& options)
+    : connection_(connection),
+      log_(log),
+      stop_(stop),
+      options_(options),
+      buffer_(std::make_unique_for_overwrite<uint8_t[]>(kBufferSize)) {}
+
+void ConnectionHandler::run() {
+    if (!connection_.handshake()) {
+        return;
+    }
+    for (;;) {
+        std::string text;
+        const HeadOutcome outcome = readHead(text);
+        if (outcome == HeadOutcome::closed) {
+            return;
+        }
+        if (outcome == HeadOutcome::tooLarge) {
+            answer(431, {}, "request head too large\n", true);
+            connection_.drainAndClose();
+            return;
+        }
+        const auto head = parseRequestHead(text);
+        if (!head) {
+            answer(400, {}, "malformed request head\n", true);
+            connection_.drainAndClose();
+            return;
+        }
+        switch (serve(*head)) {
+            case Next::keepAlive:
+                continue;
+            case Next::drainAndClose:
+                connection_.drainAndClose();
+                return;
+            case Next::close:
+            case Next::drop:
+                return;
+        }
+    }
+}
+
+ConnectionHandler::HeadOutcome ConnectionHandler::readHead(std::string& text) {
+    size_t searched = begin_;  // where the search for the blank line resumes
+    for (;;) {
+        // Blank lines before a request line are ignored.
+        while (end_ - begin_ >= 2 && buffer_[begin_] == '\r' && buffer_[begin_ + 1] == '\n') {
+            begin_ += 2;
+            searched = std::max(searched, begin_);
+        }
+        const std::string_view window(reinterpret_cast<const char*>(buffer_.get()) + begin_,
+                                      end_ - begin_);
+        const auto blank = window.find("\r\n\r\n", searched - begin_);
+        if (blank != std::string_view::npos) {
+            text.assign(window.substr(0, blank));
+            begin_ += blank + 4;
+            return HeadOutcome::ok;
+        }
+        if (window.size() > kMaxHeadSize) {
+            return HeadOutcome::tooLarge;
+        }
+        searched = std::max(begin_, end_ >= 3 ? end_ - 3 : 0);
+        if (end_ == kBufferSize) {
+            std::memmove(buffer_.get(), buffer_.get() + begin_, end_ - begin_);
+            searched -= begin_;
+            end_ -= begin_;
+            begin_ = 0;
+        }
+        const size_t got = connection_.readSome(buffer_.get() + end_, kBufferSize - end_);
+        if (got == 0) {
+            return HeadOutcome::closed;
+        }
+        end_ += got;
+    }
+}
+
+ConnectionHandler::Route ConnectionHandler::route(const RequestHead& head) const {
+    Route route;
+    if (head.header("Transfer-Encoding")) {
+        route.status = 411;
+        route.message = "chunked request bodies are not accepted; send Content-Length\n";
+        route.framed = false;
+        return route;
+    }
+    if (const auto length = head.header("Content-Length")) {
+        const auto value = parseDecimal(*length);
+        if (!value) {
+            route.status = 400;
+            route.message = "bad Content-Length\n";
+            route.framed = false;
+            return route;
+        }
+        route.bodyLength = *value;
+    }
+    constexpr std::string_view prefix = "/upload/";
+    const std::string_view path = head.path();
+    if (!path.starts_with(prefix)) {
+        route.status = 404;
+        route.message = "no such resource\n";
+        return route;
+    }
+    if (head.method != "PUT" && head.method != "POST") {
+        route.status = 405;
+        route.message = "uploads take PUT or POST\n";
+        return route;
+    }
+    if (!head.header("Content-Length")) {
+        route.status = 411;
+        route.message = "uploads need Content-Length\n";
+        return route;
+    }
+    const auto name = percentDecode(path.substr(prefix.size()));
+    if (!name || !validPartName(*name)) {
+        route.status = 400;
+        route.message = "bad part name\n";
+        return route;
+    }
+    const auto offsetText = queryParameter(head.query(), "offset");
+    const auto offset = offsetText ? parseDecimal(*offsetText) : std::optional<uint64_t>(0);
+    constexpr auto kMaxOffset = static_cast<uint64_t>(std::numeric_limits<off_t>::max());
+    if (!offset || *offset > kMaxOffset || route.bodyLength > kMaxOffset - *offset) {
+        route.status = 400;
+        route.message = "bad offset\n";
+        return route;
+    }
+    route.offset = *offset;
+    if (options_.directory) {
+        const auto file = *options_.directory / *name;
+        route.file.reset(::open(file.c_str(), O_WRONLY | O_CREAT | O_CLOEXEC, 0644));
+        if (!route.file) {
+            route.status = 500;
+            route.message = "cannot open " + file.string() + ": " + std::strerror(errno) + "\n";
+        }
+    }
+    return route;
+}
+
+ConnectionHandler::Next ConnectionHandler::serve(const RequestHead& head) {
+    RequestRecord record;
+    record.method = head.method;
+    record.path = head.target;
+    record.contentLength = decimalHeader(head, "Content-Length");
+    record.partNumber = decimalHeader(head, "X-PLNX-Part-Number");
+    record.retryCount = decimalHeader(head, "X-PLNX-Retry-Count");
+    record.headers = head.headers;
+    record.started = std::chrono::steady_clock::now();
+    RequestLog::Visit visit = log_.arrive(record);
+
+    Fault fault;
+    if (const auto script = log_.faultScript()) {
+        fault = script(RequestInfo{head.method, head.target, record.partNumber, visit.attempt()})
+                    .value_or(Fault{});
+    }
+    Route route = this->route(head);
+    // Ends the request without an answer, keeping what was read in the record.
+    auto unanswered = [&] {
+        record.finished = std::chrono::steady_clock::now();
+        visit.complete(record);
+        return Next::drop;
+    };
+
+    if (fault.stallSecs && stop_.waitFor(*fault.stallSecs)) {
+        return unanswered();
+    }
+    if (route.framed && route.bodyLength > 0 && head.version == "HTTP/1.1" &&
+        head.hasToken("Expect", "100-continue") &&
+        !connection_.writeAll("HTTP/1.1 100 Continue\r\n\r\n")) {
+        return unanswered();
+    }
+
+    const uint64_t toRead = route.framed ? route.bodyLength : 0;
+    const uint64_t limit =
+        fault.closeAfterBodyBytes ? std::min(toRead, *fault.closeAfterBodyBytes) : toRead;
+    sink_.begin(std::move(route.file), route.offset);
+    const bool complete = readBody(limit);
+    const BodySink::Digest digest = sink_.finish();
+    record.bytesReceived = sink_.bytes();
+    record.md5Hex = hexString(digest);
+    if (!complete || fault.closeAfterBodyBytes) {
+        return unanswered();
+    }
+    if (fault.delayBeforeAnswerSecs && stop_.waitFor(*fault.delayBeforeAnswerSecs)) {
+        return unanswered();
+    }
+    if (fault.garbageResponse) {
+        unanswered();  // what goes out next is not an answer: the record keeps status 0
+        connection_.writeAll(kGarbage);
+        return Next::close;
+    }
+
+    if (route.status == 200 && !sink_.writeError().empty()) {
+        route.status = 500;
+        route.message = "cannot write the part: " + sink_.writeError() + "\n";
+    }
+    const int status = route.status == 200 ? fault.status.value_or(200) : route.status;
+    Headers headers;
+    if (status / 100 == 2) {
+        if (auto checksum = checksumHeader(digest, options_.checksumMode, fault)) {
+            headers.push_back(std::move(*checksum));
+        }
+    }
+    if (fault.retryAfter) {
+        headers.emplace_back("Retry-After", *fault.retryAfter);
+    }
+    const bool closing = !route.framed || head.hasToken("Connection", "close") ||
+                         (head.version == "HTTP/1.0" && !head.hasToken("Connection", "keep-alive"));
+
+    record.status = status;
+    record.accepted =
+        status == 200 && !fault.noChecksum && !fault.wrongChecksum && !fault.quotedETag;
+    record.finished = std::chrono::steady_clock::now();
+    visit.complete(record);
+
+    if (!answer(status, std::move(headers), status == 200 ? std::string() : route.message,
+                closing)) {
+        return Next::drop;
+    }
+    if (!closing) {
+        return Next::keepAlive;
+    }
+    return route.framed ? Next::close : Next::drainAndClose;
+}
+
+bool ConnectionHandler::readBody(uint64_t length) {
+    uint64_t remaining = length;
+    while (remaining > 0) {
+        if (begin_ == end_) {
+            begin_ = end_ = 0;
+            const size_t want = static_cast<size_t>(std::min<uint64_t>(kBufferSize, remaining));
+            end_ = connection_.readSome(buffer_.get(), want);
+            if (end_ == 0) {
+                return false;
+            }
+        }
+        const size_t take = static_cast<size_t>(std::min<uint64_t>(end_ - begin_, remaining));
+        sink_.consume(buffer_.get() + begin_, take);
+        begin_ += take;
+        remaining -= take;
+    }
+    return true;
+}
+
+bool ConnectionHandler::answer(int status, Headers headers, const std::string& body, bool closing) {
+    headers.emplace_back("Content-Length", std::to_string(body.size()));
+    if (!body.empty()) {
+        headers.emplace_back("Content-Type", "text/plain; charset=utf-8");
+    }
+    if (closing) {
+        headers.emplace_back("Connection", "close");
+    }
+    return connection_.writeAll(responseHead(status, headers) + body);
+}
+
+}  // namespace pellorin::receiver

@@ -1,0 +1,70 @@
+// Serves the requests of one connection, one after another (keep-alive), applying each request's
+// fault. Created and run by the connection's thread, which owns it; the connection, log, stop
+// signal and options must outlive it.
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <memory>
+#include <optional>
+#include <string>
+
+#include "receiver/BodySink.h"
+#include "receiver/Connection.h"
+#include "receiver/HttpHead.h"
+#include "receiver/Receiver.h"
+#include "receiver/RequestLog.h"
+#include "receiver/StopSignal.h"
+
+namespace pellorin::receiver {
+
+class ConnectionHandler {
+  public:
+    ConnectionHandler(Connection& connection, RequestLog& log, const StopSignal& stop,
+                      const ReceiverOptions& options);
+
+    // Returns when the peer closes, a request or answer ends the connection, a fault drops it,
+    // or the receiver stops.
+    void run();
+
+  private:
+    // What becomes of the connection after a request.
+    enum class Next {
+        keepAlive,      // read the next request
+        close,          // answered; close now
+        drainAndClose,  // answered, but request bytes are left unread: close gently
+        drop,           // close without (further) answer
+    };
+    // How a request is to be answered, as far as its head tells.
+    struct Route {
+        int status = 200;     // 200: a valid upload
+        std::string message;  // the short text body of any other status
+        bool framed = true;   // false: the body's length is unknown, so it cannot be read
+        uint64_t bodyLength = 0;
+        UniqueFd file;  // where an upload's body is written, when a directory is set
+        uint64_t offset = 0;
+    };
+    enum class HeadOutcome { ok, closed, tooLarge };
+
+    // Reads up to the blank line that ends a head; leaves any bytes after it in the buffer.
+    HeadOutcome readHead(std::string& text);
+    Route route(const RequestHead& head) const;
+    Next serve(const RequestHead& head);
+    // Feeds up to `length` body bytes (buffered ones first) to the sink; false when the stream
+    // ended first.
+    bool readBody(uint64_t length);
+    // Writes a complete answer; false when the stream failed.
+    bool answer(int status, std::vector<std::pair<std::string, std::string>> headers,
+                const std::string& body, bool closing);
+
+    Connection& connection_;
+    RequestLog& log_;
+    const StopSignal& stop_;
+    const ReceiverOptions& options_;
+    BodySink sink_;
+    std::unique_ptr<uint8_t[]> buffer_;  // holds bytes read but not yet used in [begin_, end_)
+    size_t begin_ = 0;
+    size_t end_ = 0;
+};
+
+}  // namespace pellorin::receiver
