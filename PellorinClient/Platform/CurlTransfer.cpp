@@ -174,14 +174,14 @@ std::optional<PlatformError> CurlTransfer::Impl::configure() {
     if (!easy || !multi) {
         return urlError(URLError::unknown, "libcurl could not make a transfer handle");
     }
-    curl_slist* list = nullptr;
     auto append = [&](const std::string& line) {
-        curl_slist* longer = curl_slist_append(list, line.c_str());
-        if (longer == nullptr) {
+        curl_slist* head = curl_slist_append(headerList.get(), line.c_str());
+        if (head == nullptr) {
             return false;
         }
-        list = longer;
-        headerList.reset(list);
+        // The head is the same list once it exists; ownership passes over without a free.
+        (void)headerList.release();
+        headerList.reset(head);
         return true;
     };
     for (const auto& [name, value] : request.headerFields) {
