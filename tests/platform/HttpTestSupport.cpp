@@ -120,7 +120,10 @@ std::optional<SessionEvent> SessionHarness::runOne(HttpRequest request) {
 }
 
 int64_t TestStream::read(uint8_t* buffer, int64_t maxLength) {
-    std::this_thread::sleep_for(sleepPerRead_);
+    if (gate_) {
+        gate_->wait_for(std::chrono::seconds(10));
+        gate_.reset();
+    }
     if (failAfter_ && delivered_ >= *failAfter_) {
         return -1;
     }

@@ -5,6 +5,7 @@
 #include <chrono>
 #include <condition_variable>
 #include <functional>
+#include <future>
 #include <memory>
 #include <mutex>
 #include <optional>
@@ -68,18 +69,18 @@ class RecordingDelegate : public HttpSessionDelegate {
     int offQueueCalls_ = 0;             // guarded by mutex_
 };
 
-// A stream over bytes in memory whose reads first sleep, or fail once `failAfter` bytes have
-// been read.
+// A stream over bytes in memory whose first read waits (at most 10 s) until `gate` is ready,
+// and whose reads fail once `failAfter` bytes have been read.
 class TestStream : public MemoryInputStream {
   public:
     explicit TestStream(std::vector<uint8_t> bytes,
-                        std::chrono::milliseconds sleepPerRead = std::chrono::milliseconds(0),
+                        std::optional<std::shared_future<void>> gate = std::nullopt,
                         std::optional<int64_t> failAfter = std::nullopt)
-        : MemoryInputStream(std::move(bytes)), sleepPerRead_(sleepPerRead), failAfter_(failAfter) {}
+        : MemoryInputStream(std::move(bytes)), gate_(std::move(gate)), failAfter_(failAfter) {}
     int64_t read(uint8_t* buffer, int64_t maxLength) override;
 
   private:
-    const std::chrono::milliseconds sleepPerRead_;
+    std::optional<std::shared_future<void>> gate_;  // transfer thread only
     const std::optional<int64_t> failAfter_;
     int64_t delivered_ = 0;  // transfer thread only
 };
