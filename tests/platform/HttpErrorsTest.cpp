@@ -4,7 +4,10 @@
 
 #include <future>
 
+#include <openssl/tls1.h>
+
 #include "HttpTestSupport.h"
+#include "receiver/Receiver.h"
 
 namespace pellorin::testing {
 namespace {
@@ -60,6 +63,65 @@ TEST(HttpErrorsTest, ConnectionFailuresAreReportedByKind) {
     }
 }
 
+TEST(HttpErrorsTest, ServerFaultsAreReportedByKind) {
+    receiver::Receiver receiver;
+    receiver.start();
+    receiver.setFaultScript([](const receiver::RequestInfo& info) {
+        receiver::Fault fault;
+        if (info.path.find("drop") != std::string::npos) {
+            fault.closeAfterBodyBytes = 100000;
+        } else {
+            fault.garbageResponse = true;
+        }
+        return fault;
+    });
+    const size_t length = 8 << 20;
+    {
+        SessionHarness harness(bodyOf(length));
+        expectFailure(harness, harness.runOne(uploadRequest(receiver.partUrl("drop", 0), length)),
+                      URLError::networkConnectionLost);
+    }
+    {
+        SessionHarness harness(bodyOf(1000));
+        expectFailure(harness, harness.runOne(uploadRequest(receiver.partUrl("junk", 0), 1000)),
+                      URLError::cannotParseResponse);
+    }
+}
+
+TEST(HttpErrorsTest, TlsTrustAndProtocolVersionAreEnforced) {
+    receiver::ReceiverOptions secure;
+    secure.tls = true;
+    receiver::Receiver receiver(secure);
+    receiver.start();
+    const std::string url = receiver.partUrl("tls", 0);
+    {
+        SessionHarness harness(bodyOf(1000));  // the self-signed certificate is not trusted
+        expectFailure(harness, harness.runOne(uploadRequest(url, 1000)),
+                      URLError::serverCertificateUntrusted);
+    }
+    SessionConfiguration trusting;
+    trusting.caFile = receiver.certificateFile();
+    trusting.httpVersion = HttpVersion::http2;  // offered, and declined by an HTTP/1.1 server
+    {
+        SessionHarness harness(bodyOf(1000), trusting);
+        const std::optional<SessionEvent> completion = harness.runOne(uploadRequest(url, 1000));
+        ASSERT_TRUE(completion);
+        EXPECT_FALSE(completion->error);
+        EXPECT_EQ(completion->response->statusCode(), 200);
+        const auto metrics = harness.delegate->eventsOf(Kind::metrics);
+        ASSERT_EQ(metrics.size(), 1u);
+        EXPECT_GT(metrics[0].metrics.transactionMetrics.at(0).tlsSecs, 0.0);
+    }
+    secure.tlsMaxVersion = TLS1_2_VERSION;
+    receiver::Receiver older(secure);
+    older.start();
+    trusting.caFile = older.certificateFile();
+    trusting.minimumTLSVersion = TLSVersion::v1_3;
+    SessionHarness harness(bodyOf(1000), trusting);
+    expectFailure(harness, harness.runOne(uploadRequest(older.partUrl("tls", 0), 1000)),
+                  URLError::secureConnectionFailed);
+}
+
 TEST(HttpErrorsTest, MissingOrBrokenBodyFailsTheTask) {
     {
         SessionHarness harness([](UploadTask&) { return nullptr; });
@@ -71,6 +133,21 @@ TEST(HttpErrorsTest, MissingOrBrokenBodyFailsTheTask) {
         HttpRequest request = uploadRequest("http://127.0.0.1:1/x", 10);
         request.headerFields.back().second = "ten";
         expectFailure(harness, harness.runOne(request), URLError::badURL);
+    }
+    receiver::Receiver receiver;
+    receiver.start();
+    for (const std::optional<int64_t> failAfter :
+         {std::optional<int64_t>(300000), std::optional<int64_t>()}) {
+        // A read that fails, and a stream that ends short of "Content-Length".
+        SessionHarness harness([failAfter](UploadTask&) {
+            return std::make_shared<TestStream>(patternBytes(1 << 20), std::nullopt, failAfter);
+        });
+        expectFailure(harness,
+                      harness.runOne(uploadRequest(receiver.partUrl("short", 0), (1 << 20) + 1)),
+                      URLError::requestBodyStreamExhausted);
+    }
+    for (const receiver::RequestRecord& record : receiver.requests()) {
+        EXPECT_EQ(record.status, 0);  // never answered: the body never completed
     }
 }
 
