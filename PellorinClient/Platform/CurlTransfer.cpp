@@ -87,36 +87,7 @@ struct ListDeleter {
     void operator()(curl_slist* list) const { curl_slist_free_all(list); }
 };
 
-std::string trimmed(std::string_view text) {
-    const size_t first = text.find_first_not_of(" \t\r\n");
-    if (first == std::string_view::npos) {
-        return {};
-    }
-    const size_t last = text.find_last_not_of(" \t\r\n");
-    return std::string(text.substr(first, last - first + 1));
-}
-
 }  // namespace
-
-std::optional<int64_t> requestBodyLength(const HttpRequest& request) {
-    std::optional<int64_t> length;
-    for (const auto& [name, value] : request.headerFields) {
-        if (!headerNamesEqual(name, "Content-Length")) {
-            continue;
-        }
-        const std::string digits = trimmed(value);
-        if (digits.empty() || digits.size() > 18 ||
-            digits.find_first_not_of("0123456789") != std::string::npos) {
-            return std::nullopt;
-        }
-        const int64_t parsed = std::stoll(digits);
-        if (length && *length != parsed) {
-            return std::nullopt;  // two different lengths
-        }
-        length = parsed;
-    }
-    return length.value_or(-1);
-}
 
 struct CurlTransfer::Impl {
     Impl(const SessionConfiguration& configuration, const HttpRequest& request,
@@ -164,9 +135,7 @@ struct CurlTransfer::Impl {
     bool responseTooLarge = false;
     int64_t bytesReported = 0;  // body bytes already passed to observer.bodyBytesSent
     Clock::time_point lastReport = Clock::now();
-    int pendingStatus = 0;  // status of the header block being received
-    HttpHeaderFields pendingHeaders;
-    std::shared_ptr<const HttpResponse> response;
+    HttpResponseParser responseParser{request.url};
     std::vector<uint8_t> responseBody;
 };
 
@@ -346,7 +315,7 @@ TransferOutcome CurlTransfer::Impl::run() {
     if (outcome.error) {
         outcome.error->userInfo.emplace(kFailingURLKey, request.url.absoluteString());
     }
-    outcome.response = response;
+    outcome.response = responseParser.response();
     outcome.responseBody = std::move(responseBody);
     return outcome;
 }
@@ -440,34 +409,10 @@ size_t CurlTransfer::Impl::receiveBody(char* data, size_t size, size_t count, vo
 size_t CurlTransfer::Impl::receiveHeader(char* data, size_t size, size_t count, void* user) {
     Impl& self = *static_cast<Impl*>(user);
     const size_t length = size * count;
-    if (self.response) {
-        return length;  // trailers after the final response
-    }
-    const std::string_view line(data, length);
-    if (line.rfind("HTTP/", 0) == 0) {
-        // A status line starts a new header block (an interim 1xx reply may come first).
-        const size_t space = line.find(' ');
-        const std::string code =
-            space == std::string_view::npos ? "" : trimmed(line.substr(space + 1, 3));
-        self.pendingStatus =
-            (code.size() == 3 && code.find_first_not_of("0123456789") == std::string::npos)
-                ? std::stoi(code)
-                : 0;
-        self.pendingHeaders.clear();
-    } else if (trimmed(line).empty()) {
-        if (self.pendingStatus >= 200) {
-            self.response = std::make_shared<const HttpResponse>(
-                self.pendingStatus, std::move(self.pendingHeaders), self.request.url);
-            if (self.observer.responseReceived) {
-                self.observer.responseReceived(self.response);
-            }
+    if (auto response = self.responseParser.addLine(std::string_view(data, length))) {
+        if (self.observer.responseReceived) {
+            self.observer.responseReceived(std::move(response));
         }
-        self.pendingHeaders.clear();
-    } else if ((line.front() == ' ' || line.front() == '\t') && !self.pendingHeaders.empty()) {
-        self.pendingHeaders.back().second += " " + trimmed(line);  // folded continuation line
-    } else if (const size_t colon = line.find(':'); colon != std::string_view::npos) {
-        self.pendingHeaders.emplace_back(trimmed(line.substr(0, colon)),
-                                         trimmed(line.substr(colon + 1)));
     }
     return length;
 }

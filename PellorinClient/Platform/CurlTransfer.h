@@ -40,10 +40,6 @@ struct TransferObserver {
     std::function<void(int64_t bytesSent, int64_t totalBytesSent)> bodyBytesSent;
 };
 
-// The request's body length from its "Content-Length" fields: -1 when there is none (the body
-// is then sent in chunks), no value when the fields are not one decimal number.
-std::optional<int64_t> requestBodyLength(const HttpRequest& request);
-
 class CurlTransfer {
   public:
     // `body` must be open; `bodyLength` is requestBodyLength(request) (-1 for unknown). The

@@ -5,6 +5,8 @@
 // (std::shared_ptr<const HttpResponse>); any thread may read it.
 #pragma once
 
+#include <cstdint>
+#include <memory>
 #include <optional>
 #include <string>
 #include <string_view>
@@ -46,6 +48,10 @@ struct HttpRequest {
     std::optional<std::string> valueForHTTPHeaderField(std::string_view name) const;
 };
 
+// The request's body length from its "Content-Length" fields: -1 when there is none (the body
+// is then sent in chunks), no value when the fields are not one decimal number.
+std::optional<int64_t> requestBodyLength(const HttpRequest& request);
+
 class HttpResponse {
   public:
     HttpResponse(int statusCode, HttpHeaderFields headerFields, Url url)
@@ -64,6 +70,24 @@ class HttpResponse {
     int statusCode_;
     HttpHeaderFields headerFields_;
     Url url_;
+};
+
+// Builds the final response of an exchange from its header lines as they arrive: status lines,
+// fields (folded lines joined), blank lines; interim 1xx blocks and trailers are skipped. One
+// thread at a time.
+class HttpResponseParser {
+  public:
+    explicit HttpResponseParser(Url url) : url_(std::move(url)) {}
+    // Takes one line, line break included. Returns the response when this line completes it.
+    std::shared_ptr<const HttpResponse> addLine(std::string_view line);
+    // The final response once complete, else null.
+    const std::shared_ptr<const HttpResponse>& response() const { return response_; }
+
+  private:
+    const Url url_;
+    int status_ = 0;  // of the header block being received
+    HttpHeaderFields fields_;
+    std::shared_ptr<const HttpResponse> response_;
 };
 
 }  // namespace pellorin
