@@ -1,0 +1,450 @@
+#include "Platform/CurlTransfer.h"
+
+#include <curl/curl.h>
+
+#include <algorithm>
+#include <chrono>
+#include <cmath>
+
+#include "Platform/UrlError.h"
+
+namespace pellorin {
+
+namespace {
+
+using Clock = std::chrono::steady_clock;
+
+constexpr long kUploadBufferSize = 2 * 1024 * 1024;  // libcurl's largest upload buffer
+constexpr int64_t kProgressBytes = 256 * 1024;       // coalesce progress up to this much
+constexpr auto kProgressInterval = std::chrono::milliseconds(100);  // or up to this long
+constexpr size_t kMaxKeptResponseBody = 64 * 1024 * 1024;  // a kept reply larger is refused
+constexpr double kDefaultIdleSecs = 60.0;
+constexpr double kMaxIdleSecs = 1e7;  // keeps the conversions to milliseconds in range
+
+// libcurl's global state is set up once per process, before the first handle is made.
+void ensureCurlGlobalInit() {
+    static const CURLcode initialised = curl_global_init(CURL_GLOBAL_DEFAULT);
+    (void)initialised;
+}
+
+// The idle time-out: the smaller of the session's and the request's, each when it is usable.
+double idleTimeoutSecs(const SessionConfiguration& configuration, const HttpRequest& request) {
+    double result = kMaxIdleSecs;
+    bool any = false;
+    for (double candidate : {configuration.timeoutIntervalForRequest, request.timeoutInterval}) {
+        if (candidate > 0.0 && std::isfinite(candidate)) {
+            result = std::min(result, candidate);
+            any = true;
+        }
+    }
+    return any ? result : kDefaultIdleSecs;
+}
+
+bool validFieldName(const std::string& name) {
+    return !name.empty() && name.find_first_of(" \t\r\n:") == std::string::npos;
+}
+
+bool validFieldValue(const std::string& value) {
+    return value.find_first_of(std::string("\r\n\0", 3)) == std::string::npos;
+}
+
+long sslVersionOption(TLSVersion minimum) {
+    switch (minimum) {
+        case TLSVersion::v1_0:
+            return CURL_SSLVERSION_TLSv1_0;
+        case TLSVersion::v1_1:
+            return CURL_SSLVERSION_TLSv1_1;
+        case TLSVersion::v1_2:
+            return CURL_SSLVERSION_TLSv1_2;
+        case TLSVersion::v1_3:
+            return CURL_SSLVERSION_TLSv1_3;
+    }
+    return CURL_SSLVERSION_TLSv1_2;
+}
+
+const char* protocolName(long httpVersion) {
+    switch (httpVersion) {
+        case CURL_HTTP_VERSION_1_0:
+            return "http/1.0";
+        case CURL_HTTP_VERSION_1_1:
+            return "http/1.1";
+        case CURL_HTTP_VERSION_2_0:
+            return "h2";
+        case CURL_HTTP_VERSION_3:
+            return "h3";
+        default:
+            return "";
+    }
+}
+
+struct EasyDeleter {
+    void operator()(CURL* easy) const { curl_easy_cleanup(easy); }
+};
+struct MultiDeleter {
+    void operator()(CURLM* multi) const { curl_multi_cleanup(multi); }
+};
+struct ListDeleter {
+    void operator()(curl_slist* list) const { curl_slist_free_all(list); }
+};
+
+}  // namespace
+
+struct CurlTransfer::Impl {
+    Impl(const SessionConfiguration& configuration, const HttpRequest& request,
+         std::shared_ptr<InputStream> body, int64_t bodyLength, bool keepResponseBody,
+         TransferObserver observer)
+        : configuration(configuration),
+          request(request),
+          body(std::move(body)),
+          bodyLength(bodyLength),
+          keepResponseBody(keepResponseBody),
+          observer(std::move(observer)) {
+        ensureCurlGlobalInit();
+        easy.reset(curl_easy_init());
+        multi.reset(curl_multi_init());
+    }
+
+    std::optional<PlatformError> configure();
+    TransferOutcome run();
+    void noteProgress(int64_t totalSent, bool force);
+    void collectMetrics(TransferOutcome& outcome);
+
+    // libcurl callbacks, on the transfer thread.
+    static size_t readBody(char* buffer, size_t size, size_t count, void* user);
+    static size_t receiveBody(char* data, size_t size, size_t count, void* user);
+    static size_t receiveHeader(char* data, size_t size, size_t count, void* user);
+    static int transferInfo(void* user, curl_off_t, curl_off_t, curl_off_t, curl_off_t uploaded);
+
+    const SessionConfiguration& configuration;
+    const HttpRequest& request;
+    const std::shared_ptr<InputStream> body;
+    const int64_t bodyLength;
+    const bool keepResponseBody;
+    const TransferObserver observer;
+
+    // Declared so that the handles go before the header list they point to.
+    std::unique_ptr<curl_slist, ListDeleter> headerList;
+    std::unique_ptr<CURL, EasyDeleter> easy;
+    std::unique_ptr<CURLM, MultiDeleter> multi;  // cancel() wakes it from another thread
+    std::atomic<bool> cancelled{false};
+    char errorText[CURL_ERROR_SIZE] = {};
+
+    // Transfer-thread state.
+    int64_t bodyBytesRead = 0;
+    std::optional<PlatformError> bodyFailure;  // why the read callback aborted the transfer
+    bool responseTooLarge = false;
+    int64_t bytesReported = 0;  // body bytes already passed to observer.bodyBytesSent
+    Clock::time_point lastReport = Clock::now();
+    HttpResponseParser responseParser{request.url};
+    std::vector<uint8_t> responseBody;
+};
+
+std::optional<PlatformError> CurlTransfer::Impl::configure() {
+    if (!easy || !multi) {
+        return urlError(URLError::unknown, "libcurl could not make a transfer handle");
+    }
+    auto append = [&](const std::string& line) {
+        curl_slist* head = curl_slist_append(headerList.get(), line.c_str());
+        if (head == nullptr) {
+            return false;
+        }
+        // The head is the same list once it exists; ownership passes over without a free.
+        (void)headerList.release();
+        headerList.reset(head);
+        return true;
+    };
+    for (const auto& [name, value] : request.headerFields) {
+        if (!validFieldName(name) || !validFieldValue(value)) {
+            return urlError(URLError::badURL, "invalid header field '" + name + "'");
+        }
+        if (headerNamesEqual(name, "Content-Length")) {
+            continue;  // libcurl sends it from the body length
+        }
+        // "Name:" would tell libcurl to drop the field; "Name;" sends it with an empty value.
+        if (!append(value.empty() ? name + ";" : name + ": " + value)) {
+            return urlError(URLError::unknown, "out of memory");
+        }
+    }
+    // libcurl would announce large bodies with "Expect: 100-continue" and wait for the server.
+    if (!append("Expect:")) {
+        return urlError(URLError::unknown, "out of memory");
+    }
+
+    const double idleSecs = idleTimeoutSecs(configuration, request);
+    const bool secure = request.url.scheme() == "https";
+    long httpVersion = CURL_HTTP_VERSION_1_1;
+    if (configuration.httpVersion == HttpVersion::http2) {
+        httpVersion = secure ? CURL_HTTP_VERSION_2TLS : CURL_HTTP_VERSION_2_PRIOR_KNOWLEDGE;
+    }
+    CURL* h = easy.get();
+    CURLcode rc = CURLE_OK;
+    auto set = [&](CURLoption option, auto value) {
+        if (rc == CURLE_OK) {
+            rc = curl_easy_setopt(h, option, value);
+        }
+    };
+    set(CURLOPT_ERRORBUFFER, errorText);
+    set(CURLOPT_URL, request.url.absoluteString().c_str());
+    set(CURLOPT_PROTOCOLS_STR, "http,https");
+    set(CURLOPT_NOSIGNAL, 1L);
+#if LIBCURL_VERSION_NUM >= 0x075700
+    set(CURLOPT_QUICK_EXIT, 1L);  // a cancelled name lookup is not waited for
+#endif
+    set(CURLOPT_UPLOAD, 1L);
+    set(CURLOPT_INFILESIZE_LARGE, static_cast<curl_off_t>(bodyLength));
+    set(CURLOPT_CUSTOMREQUEST, request.httpMethod.c_str());
+    set(CURLOPT_HTTPHEADER, headerList.get());
+    set(CURLOPT_READFUNCTION, &Impl::readBody);
+    set(CURLOPT_READDATA, this);
+    set(CURLOPT_WRITEFUNCTION, &Impl::receiveBody);
+    set(CURLOPT_WRITEDATA, this);
+    set(CURLOPT_HEADERFUNCTION, &Impl::receiveHeader);
+    set(CURLOPT_HEADERDATA, this);
+    set(CURLOPT_XFERINFOFUNCTION, &Impl::transferInfo);
+    set(CURLOPT_XFERINFODATA, this);
+    set(CURLOPT_NOPROGRESS, 0L);
+    set(CURLOPT_UPLOAD_BUFFERSIZE, kUploadBufferSize);
+    set(CURLOPT_TCP_NODELAY, 1L);
+    set(CURLOPT_FOLLOWLOCATION, 0L);
+    // The idle time-out is watched by run() to the millisecond; libcurl's own low-speed check
+    // stays as a backstop.
+    set(CURLOPT_LOW_SPEED_LIMIT, 1L);
+    set(CURLOPT_LOW_SPEED_TIME, static_cast<long>(std::ceil(idleSecs)));
+    set(CURLOPT_CONNECTTIMEOUT_MS, static_cast<long>(std::ceil(idleSecs * 1000.0)));
+    set(CURLOPT_SSLVERSION, sslVersionOption(configuration.minimumTLSVersion));
+    set(CURLOPT_SSL_VERIFYPEER, 1L);
+    set(CURLOPT_SSL_VERIFYHOST, 2L);
+    if (configuration.caFile || configuration.caDirectory) {
+        // Only the configured trust applies: the built-in defaults are switched off.
+        set(CURLOPT_CAINFO, configuration.caFile ? configuration.caFile->c_str() : nullptr);
+        set(CURLOPT_CAPATH,
+            configuration.caDirectory ? configuration.caDirectory->c_str() : nullptr);
+    }
+    // An empty proxy disables proxies altogether, those named by the environment included.
+    set(CURLOPT_PROXY, configuration.proxy ? configuration.proxy->c_str() : "");
+    set(CURLOPT_HTTP_VERSION, httpVersion);
+    if (rc != CURLE_OK) {
+        return platformErrorFromCurlCode(rc, errorText);
+    }
+    if (curl_multi_add_handle(multi.get(), h) != CURLM_OK) {
+        return urlError(URLError::unknown, "libcurl could not start the transfer");
+    }
+    return std::nullopt;
+}
+
+TransferOutcome CurlTransfer::Impl::run() {
+    TransferOutcome outcome;
+    if (std::optional<PlatformError> error = configure()) {
+        outcome.error = std::move(error);
+        return outcome;
+    }
+    const auto idleLimit = std::chrono::duration_cast<Clock::duration>(
+        std::chrono::duration<double>(idleTimeoutSecs(configuration, request)));
+    Clock::time_point lastActivity = Clock::now();
+    curl_off_t lastUp = 0, lastDown = 0, lastHeader = 0;
+    CURLcode result = CURLE_OK;
+    bool finished = false;
+    bool idle = false;
+    for (;;) {
+        int running = 0;
+        const CURLMcode multiResult = curl_multi_perform(multi.get(), &running);
+        if (multiResult != CURLM_OK) {
+            result = CURLE_OUT_OF_MEMORY;
+            snprintf(errorText, sizeof errorText, "%s", curl_multi_strerror(multiResult));
+            finished = true;
+            break;
+        }
+        if (running == 0) {
+            int left = 0;
+            while (CURLMsg* message = curl_multi_info_read(multi.get(), &left)) {
+                if (message->msg == CURLMSG_DONE) {
+                    result = message->data.result;
+                }
+            }
+            finished = true;
+            break;
+        }
+        if (cancelled.load()) {
+            break;
+        }
+        // Any byte moving either way, headers included, counts as activity.
+        curl_off_t up = 0, down = 0;
+        long header = 0;
+        curl_easy_getinfo(easy.get(), CURLINFO_SIZE_UPLOAD_T, &up);
+        curl_easy_getinfo(easy.get(), CURLINFO_SIZE_DOWNLOAD_T, &down);
+        curl_easy_getinfo(easy.get(), CURLINFO_HEADER_SIZE, &header);
+        const Clock::time_point now = Clock::now();
+        if (up != lastUp || down != lastDown || header != lastHeader) {
+            lastUp = up;
+            lastDown = down;
+            lastHeader = header;
+            lastActivity = now;
+        }
+        if (now - lastActivity >= idleLimit) {
+            idle = true;
+            break;
+        }
+        const auto remaining =
+            std::chrono::duration_cast<std::chrono::milliseconds>(lastActivity + idleLimit - now);
+        const int waitMs = static_cast<int>(std::clamp<int64_t>(remaining.count() + 1, 1, 1000));
+        curl_multi_poll(multi.get(), nullptr, 0, waitMs, nullptr);
+    }
+
+    curl_off_t sent = 0;
+    curl_easy_getinfo(easy.get(), CURLINFO_SIZE_UPLOAD_T, &sent);
+    noteProgress(sent, true);
+    collectMetrics(outcome);
+    curl_multi_remove_handle(multi.get(), easy.get());
+
+    if (finished && result == CURLE_OK) {
+        outcome.error = std::nullopt;
+    } else if (cancelled.load()) {
+        outcome.error = urlError(URLError::cancelled, "the task was cancelled");
+    } else if (idle) {
+        outcome.error =
+            urlError(URLError::timedOut,
+                     "no byte moved for " +
+                         std::to_string(idleTimeoutSecs(configuration, request)) + " seconds");
+    } else if (bodyFailure) {
+        outcome.error = bodyFailure;
+    } else if (responseTooLarge) {
+        outcome.error = urlError(URLError::badServerResponse, "the response body is too large");
+    } else {
+        outcome.error = platformErrorFromCurlCode(result, errorText);
+    }
+    if (outcome.error) {
+        outcome.error->userInfo.emplace(kFailingURLKey, request.url.absoluteString());
+    }
+    outcome.response = responseParser.response();
+    outcome.responseBody = std::move(responseBody);
+    return outcome;
+}
+
+void CurlTransfer::Impl::noteProgress(int64_t totalSent, bool force) {
+    const int64_t delta = totalSent - bytesReported;
+    if (delta <= 0 || !observer.bodyBytesSent) {
+        return;
+    }
+    const Clock::time_point now = Clock::now();
+    if (force || delta >= kProgressBytes || (bodyLength >= 0 && totalSent >= bodyLength) ||
+        now - lastReport >= kProgressInterval) {
+        bytesReported = totalSent;
+        lastReport = now;
+        observer.bodyBytesSent(delta, totalSent);
+    }
+}
+
+void CurlTransfer::Impl::collectMetrics(TransferOutcome& outcome) {
+    TransactionMetrics& m = outcome.metrics;
+    CURL* h = easy.get();
+    curl_off_t value = 0;
+    auto secs = [&](CURLINFO info) {
+        curl_off_t micros = 0;
+        curl_easy_getinfo(h, info, &micros);
+        return static_cast<double>(micros) / 1e6;
+    };
+    curl_easy_getinfo(h, CURLINFO_SIZE_UPLOAD_T, &value);
+    m.countOfRequestBodyBytesSent = value;
+    value = 0;
+    curl_easy_getinfo(h, CURLINFO_SIZE_DOWNLOAD_T, &value);
+    m.countOfResponseBodyBytesReceived = value;
+    m.nameLookupSecs = secs(CURLINFO_NAMELOOKUP_TIME_T);
+    m.connectSecs = secs(CURLINFO_CONNECT_TIME_T);
+    const double appConnect = secs(CURLINFO_APPCONNECT_TIME_T);
+    m.tlsSecs = appConnect > 0.0 ? std::max(0.0, appConnect - m.connectSecs) : 0.0;
+    m.firstByteSecs = secs(CURLINFO_STARTTRANSFER_TIME_T);
+    m.totalSecs = secs(CURLINFO_TOTAL_TIME_T);
+    long status = 0;
+    curl_easy_getinfo(h, CURLINFO_RESPONSE_CODE, &status);
+    m.statusCode = static_cast<int>(status);
+    long version = 0;
+    curl_easy_getinfo(h, CURLINFO_HTTP_VERSION, &version);
+    m.networkProtocolName = protocolName(version);
+}
+
+size_t CurlTransfer::Impl::readBody(char* buffer, size_t size, size_t count, void* user) {
+    Impl& self = *static_cast<Impl*>(user);
+    if (self.cancelled.load()) {
+        return CURL_READFUNC_ABORT;
+    }
+    int64_t wanted = static_cast<int64_t>(size * count);
+    if (self.bodyLength >= 0) {
+        // Never more than the announced length, so the server sees exactly the body it expects.
+        wanted = std::min(wanted, self.bodyLength - self.bodyBytesRead);
+        if (wanted == 0) {
+            return 0;
+        }
+    }
+    const int64_t got = self.body->read(reinterpret_cast<uint8_t*>(buffer), wanted);
+    if (got < 0 || got > wanted) {
+        self.bodyFailure = urlError(
+            URLError::requestBodyStreamExhausted,
+            "the body stream failed after " + std::to_string(self.bodyBytesRead) + " bytes");
+        return CURL_READFUNC_ABORT;
+    }
+    if (got == 0 && self.bodyLength >= 0) {
+        self.bodyFailure =
+            urlError(URLError::requestBodyStreamExhausted,
+                     "the body stream ended after " + std::to_string(self.bodyBytesRead) + " of " +
+                         std::to_string(self.bodyLength) + " bytes");
+        return CURL_READFUNC_ABORT;
+    }
+    self.bodyBytesRead += got;
+    return static_cast<size_t>(got);
+}
+
+size_t CurlTransfer::Impl::receiveBody(char* data, size_t size, size_t count, void* user) {
+    Impl& self = *static_cast<Impl*>(user);
+    const size_t length = size * count;
+    if (self.keepResponseBody) {
+        if (self.responseBody.size() + length > kMaxKeptResponseBody) {
+            self.responseTooLarge = true;
+            return 0;  // ends the transfer with a write error
+        }
+        self.responseBody.insert(self.responseBody.end(), data, data + length);
+    }
+    return length;
+}
+
+size_t CurlTransfer::Impl::receiveHeader(char* data, size_t size, size_t count, void* user) {
+    Impl& self = *static_cast<Impl*>(user);
+    const size_t length = size * count;
+    if (auto response = self.responseParser.addLine(std::string_view(data, length))) {
+        if (self.observer.responseReceived) {
+            self.observer.responseReceived(std::move(response));
+        }
+    }
+    return length;
+}
+
+int CurlTransfer::Impl::transferInfo(void* user, curl_off_t, curl_off_t, curl_off_t,
+                                     curl_off_t uploaded) {
+    Impl& self = *static_cast<Impl*>(user);
+    self.noteProgress(uploaded, false);
+    return self.cancelled.load() ? 1 : 0;
+}
+
+CurlTransfer::CurlTransfer(const SessionConfiguration& configuration, const HttpRequest& request,
+                           std::shared_ptr<InputStream> body, int64_t bodyLength,
+                           bool keepResponseBody, TransferObserver observer)
+    : impl_(std::make_unique<Impl>(configuration, request, std::move(body), bodyLength,
+                                   keepResponseBody, std::move(observer))) {}
+
+CurlTransfer::~CurlTransfer() {
+    if (impl_->multi && impl_->easy) {
+        curl_multi_remove_handle(impl_->multi.get(), impl_->easy.get());
+    }
+}
+
+TransferOutcome CurlTransfer::perform() {
+    return impl_->run();
+}
+
+void CurlTransfer::cancel() {
+    impl_->cancelled.store(true);
+    if (impl_->multi) {
+        curl_multi_wakeup(impl_->multi.get());
+    }
+}
+
+}  // namespace pellorin

@@ -1,0 +1,277 @@
+#include "Platform/UploadTask.h"
+
+#include "Platform/CurlTransfer.h"
+#include "Platform/HttpSession.h"
+#include "Platform/MemoryInputStream.h"
+
+namespace pellorin {
+
+namespace {
+
+const char* toString(UploadTask::State state) {
+    switch (state) {
+        case UploadTask::State::suspended:
+            return "suspended";
+        case UploadTask::State::running:
+            return "running";
+        case UploadTask::State::canceling:
+            return "canceling";
+        case UploadTask::State::completed:
+            return "completed";
+    }
+    return "unknown";
+}
+
+PlatformError cancelledError() {
+    return urlError(URLError::cancelled, "the task was cancelled");
+}
+
+// Hands the delegate's answer to the waiting task. When every copy of the completion handler
+// is gone unanswered, the task is told that no stream will come.
+class BodyStreamAnswer {
+  public:
+    explicit BodyStreamAnswer(std::function<void(std::shared_ptr<InputStream>)> deliver)
+        : deliver_(std::move(deliver)) {}
+    ~BodyStreamAnswer() { answer(nullptr); }
+    void answer(std::shared_ptr<InputStream> stream) {
+        std::call_once(once_, [&] { deliver_(std::move(stream)); });
+    }
+
+  private:
+    std::once_flag once_;
+    std::function<void(std::shared_ptr<InputStream>)> deliver_;
+};
+
+}  // namespace
+
+struct UploadTask::Outcome {
+    TaskMetrics metrics;
+    std::optional<PlatformError> error;
+    std::optional<std::vector<uint8_t>> data;
+};
+
+UploadTask::UploadTask(Passkey, std::weak_ptr<HttpSession> session, uint64_t taskIdentifier,
+                       HttpRequest request, std::vector<uint8_t> body,
+                       CompletionHandler completionHandler)
+    : session_(std::move(session)),
+      taskIdentifier_(taskIdentifier),
+      request_(std::move(request)),
+      streamed_(!completionHandler),
+      body_(std::move(body)),
+      completionHandler_(std::move(completionHandler)) {}
+
+UploadTask::~UploadTask() {
+    if (thread_.joinable()) {
+        if (thread_.get_id() == std::this_thread::get_id()) {
+            thread_.detach();  // the transfer thread dropped the last reference on its way out
+        } else {
+            thread_.join();
+        }
+    }
+}
+
+void UploadTask::resume() {
+    std::lock_guard lock(mutex_);
+    if (state_ != State::suspended) {
+        return;
+    }
+    std::shared_ptr<HttpSession> session = session_.lock();
+    if (!session) {
+        return;  // the session is gone: nobody would hear of the outcome
+    }
+    state_ = State::running;
+    thread_ = std::thread([self = shared_from_this(), session = std::move(session)]() mutable {
+        self->run(session);
+        // The session goes first: while the task is held here, nothing can be joining this
+        // thread from the session's delegate queue.
+        session.reset();
+        self.reset();
+    });
+}
+
+void UploadTask::cancel() {
+    std::shared_ptr<HttpSession> session;
+    {
+        std::lock_guard lock(mutex_);
+        if (state_ == State::completed || cancelRequested_) {
+            return;
+        }
+        cancelRequested_ = true;
+        if (state_ == State::suspended) {
+            session = session_.lock();  // never started: report the end from here
+        } else {
+            state_ = State::canceling;
+            wake_.notify_all();
+            if (activeTransfer_ != nullptr) {
+                activeTransfer_->cancel();
+            }
+        }
+    }
+    if (session) {
+        complete(*session, TaskMetrics{}, cancelledError(), std::nullopt);
+    }
+}
+
+std::string UploadTask::description() const {
+    return "UploadTask{taskIdentifier: " + std::to_string(taskIdentifier_) + ", " +
+           request_.httpMethod + " " + request_.url.absoluteString() +
+           ", state: " + toString(state()) + "}";
+}
+
+std::shared_ptr<const HttpResponse> UploadTask::response() const {
+    std::lock_guard lock(mutex_);
+    return response_;
+}
+
+UploadTask::State UploadTask::state() const {
+    std::lock_guard lock(mutex_);
+    return state_;
+}
+
+std::optional<PlatformError> UploadTask::error() const {
+    std::lock_guard lock(mutex_);
+    return error_;
+}
+
+void UploadTask::run(const std::shared_ptr<HttpSession>& session) {
+    std::shared_ptr<InputStream> stream;
+    std::optional<int64_t> bodyLength;
+    if (isStreamed()) {
+        stream = awaitBodyStream(*session);
+        bodyLength = requestBodyLength(request_);
+    } else {
+        bodyLength = static_cast<int64_t>(body_.size());
+        stream = std::make_shared<MemoryInputStream>(std::move(body_));
+    }
+    Outcome outcome;
+    if (!stream) {
+        // A stream that arrives after cancellation is never opened.
+        outcome.error =
+            (state() == State::canceling)
+                ? cancelledError()
+                : urlError(URLError::requestBodyStreamExhausted, "no body stream was provided");
+    } else if (!bodyLength) {
+        outcome.error = urlError(URLError::badURL, "the request's Content-Length is not a number");
+    } else {
+        stream->open();
+        if (stream->streamStatus() == StreamStatus::error) {
+            outcome.error = urlError(URLError::requestBodyStreamExhausted,
+                                     "the body stream could not be opened");
+        } else {
+            outcome = transfer(*session, stream, *bodyLength);
+        }
+        stream->close();
+    }
+    complete(*session, std::move(outcome.metrics), std::move(outcome.error),
+             std::move(outcome.data));
+}
+
+std::shared_ptr<InputStream> UploadTask::awaitBodyStream(HttpSession& session) {
+    std::weak_ptr<UploadTask> weakSelf = weak_from_this();
+    auto answer = std::make_shared<BodyStreamAnswer>([weakSelf](std::shared_ptr<InputStream> s) {
+        if (std::shared_ptr<UploadTask> self = weakSelf.lock()) {
+            self->deliverBodyStream(std::move(s));
+        }
+    });
+    session.notifyDelegate(shared_from_this(), [answer = std::move(answer)](
+                                                   HttpSessionDelegate& delegate, HttpSession& s,
+                                                   UploadTask& task) mutable {
+        std::function<void(std::shared_ptr<InputStream>)> handler =
+            [answer](std::shared_ptr<InputStream> stream) { answer->answer(std::move(stream)); };
+        answer.reset();  // from now on only the handler's copies keep the answer open
+        delegate.urlSessionTaskNeedNewBodyStream(s, task, std::move(handler));
+    });
+    std::unique_lock lock(mutex_);
+    wake_.wait(lock, [&] { return bodyStreamAnswered_ || cancelRequested_; });
+    if (cancelRequested_) {
+        return nullptr;
+    }
+    return std::move(bodyStream_);
+}
+
+void UploadTask::deliverBodyStream(std::shared_ptr<InputStream> stream) {
+    std::lock_guard lock(mutex_);
+    if (bodyStreamAnswered_) {
+        return;
+    }
+    bodyStreamAnswered_ = true;
+    bodyStream_ = std::move(stream);
+    wake_.notify_all();
+}
+
+UploadTask::Outcome UploadTask::transfer(HttpSession& session,
+                                         const std::shared_ptr<InputStream>& stream,
+                                         int64_t bodyLength) {
+    TransferObserver observer;
+    observer.responseReceived = [this](std::shared_ptr<const HttpResponse> response) {
+        std::lock_guard lock(mutex_);
+        response_ = std::move(response);
+    };
+    if (isStreamed()) {
+        observer.bodyBytesSent = [this, &session, bodyLength](int64_t sent, int64_t total) {
+            session.notifyDelegate(
+                shared_from_this(), [sent, total, bodyLength](HttpSessionDelegate& delegate,
+                                                              HttpSession& s, UploadTask& task) {
+                    delegate.urlSessionTaskDidSendBodyData(s, task, sent, total, bodyLength);
+                });
+        };
+    }
+    CurlTransfer curl(session.configuration(), request_, stream, bodyLength, !isStreamed(),
+                      std::move(observer));
+    {
+        std::lock_guard lock(mutex_);
+        if (cancelRequested_) {
+            return Outcome{{}, cancelledError(), std::nullopt};
+        }
+        activeTransfer_ = &curl;
+    }
+    TransferOutcome result = curl.perform();
+    {
+        std::lock_guard lock(mutex_);
+        activeTransfer_ = nullptr;
+        if (!response_) {
+            response_ = result.response;
+        }
+    }
+    Outcome outcome;
+    outcome.metrics.transactionMetrics.push_back(result.metrics);
+    outcome.error = std::move(result.error);
+    if (!outcome.error && !result.responseBody.empty()) {
+        outcome.data = std::move(result.responseBody);
+    }
+    return outcome;
+}
+
+void UploadTask::complete(HttpSession& session, TaskMetrics metrics,
+                          std::optional<PlatformError> error,
+                          std::optional<std::vector<uint8_t>> data) {
+    CompletionHandler handler;
+    std::shared_ptr<const HttpResponse> response;
+    {
+        std::lock_guard lock(mutex_);
+        state_ = State::completed;
+        error_ = error;
+        response = response_;
+        handler = std::move(completionHandler_);
+    }
+    if (handler) {
+        session.delegateQueue()->async([handler = std::move(handler), data = std::move(data),
+                                        response = std::move(response), error = error]() mutable {
+            handler(std::move(data), std::move(response), std::move(error));
+        });
+    } else {
+        session.notifyDelegate(
+            shared_from_this(), [metrics = std::move(metrics)](HttpSessionDelegate& delegate,
+                                                               HttpSession& s, UploadTask& task) {
+                delegate.urlSessionTaskDidFinishCollectingMetrics(s, task, metrics);
+            });
+        session.notifyDelegate(shared_from_this(),
+                               [error = std::move(error)](HttpSessionDelegate& delegate,
+                                                          HttpSession& s, UploadTask& task) {
+                                   delegate.urlSessionTaskDidCompleteWithError(s, task, error);
+                               });
+    }
+    session.taskDidComplete(taskIdentifier_);
+}
+
+}  // namespace pellorin

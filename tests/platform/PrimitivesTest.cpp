@@ -1,0 +1,150 @@
+// The small platform primitives: queues, semaphores, timers, encodings, URLs, atomics.
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <future>
+#include <thread>
+
+#include <pellorin/SerialQueue.h>
+#include <pellorin/Url.h>
+
+#include "Platform/Encoding.h"
+#include "Platform/RepeatingTimer.h"
+#include "Platform/Semaphore.h"
+#include "datapath/Atomic.h"
+
+namespace pellorin {
+namespace {
+
+using namespace std::chrono_literals;
+
+TEST(SerialQueueTest, RunsBlocksInOrderAndSyncWaitsForThem) {
+    auto queue = SerialQueue::make("test.fifo");
+    std::vector<int> seen;  // touched only on the queue
+    for (int i = 0; i < 100; ++i) {
+        queue->async([&seen, i] { seen.push_back(i); });
+    }
+    bool onQueue = false;
+    queue->sync([&] { onQueue = queue->isCurrent(); });
+    EXPECT_TRUE(onQueue);
+    EXPECT_FALSE(queue->isCurrent());
+    ASSERT_EQ(seen.size(), 100u);
+    for (int i = 0; i < 100; ++i) {
+        EXPECT_EQ(seen[i], i);
+    }
+}
+
+TEST(SerialQueueTest, MayBeDestroyedFromItsOwnBlock) {
+    auto queue = SerialQueue::make("test.self-destroy");
+    std::promise<void> released, ran;
+    auto holder = std::make_shared<std::shared_ptr<SerialQueue>>(queue);
+    queue->async([holder, &ran, gate = released.get_future().share()] {
+        gate.wait_for(5s);
+        holder->reset();  // the last reference goes here, on the queue's own thread
+        ran.set_value();
+    });
+    queue.reset();
+    released.set_value();
+    EXPECT_EQ(ran.get_future().wait_for(5s), std::future_status::ready);
+}
+
+TEST(SemaphoreTest, SignalReportsWhetherItWokeAWaiterAndWaitsAreTimed) {
+    Semaphore semaphore(0);
+    EXPECT_FALSE(semaphore.waitFor(20ms));
+    EXPECT_EQ(semaphore.signal(), 0);  // nobody waiting
+    EXPECT_TRUE(semaphore.waitFor(0ms));
+
+    std::atomic<bool> woke{false};
+    std::thread waiter([&] { woke = semaphore.waitFor(5s); });
+    long result = 0;
+    for (int i = 0; i < 500 && result == 0; ++i) {  // until the waiter is really waiting
+        std::this_thread::sleep_for(2ms);
+        result = semaphore.signal();
+        if (result == 0) {
+            EXPECT_TRUE(semaphore.waitFor(0ms));  // take the unclaimed count back
+        }
+    }
+    waiter.join();
+    EXPECT_NE(result, 0);
+    EXPECT_TRUE(woke);
+}
+
+TEST(RepeatingTimerTest, TicksUntilCancelled) {
+    std::atomic<int> ticks{0};
+    RepeatingTimer timer(std::chrono::system_clock::now(), 0.01, 0.0, [&] { ++ticks; });
+    for (int i = 0; i < 500 && ticks < 3; ++i) {
+        std::this_thread::sleep_for(2ms);
+    }
+    EXPECT_GE(ticks, 3);
+    timer.cancel();
+    std::this_thread::sleep_for(20ms);  // a tick already running may still finish
+    const int stopped = ticks;
+    std::this_thread::sleep_for(50ms);
+    EXPECT_EQ(ticks, stopped);
+
+    std::atomic<int> never{0};
+    RepeatingTimer idle(std::chrono::system_clock::now(), 0.0, 0.0, [&] { ++never; });
+    std::this_thread::sleep_for(30ms);
+    EXPECT_EQ(never, 0);
+}
+
+TEST(EncodingTest, StrictBase64AndHex) {
+    auto text = [](std::optional<std::vector<uint8_t>> bytes) {
+        return bytes ? std::string(bytes->begin(), bytes->end()) : std::string("<rejected>");
+    };
+    EXPECT_EQ(text(base64DecodeStrict("TWFu")), "Man");
+    EXPECT_EQ(text(base64DecodeStrict("TWE=")), "Ma");
+    EXPECT_EQ(text(base64DecodeStrict("TQ==")), "M");
+    EXPECT_EQ(text(base64DecodeStrict("")), "");
+    for (const char* bad :
+         {"TWF u", " TWFu", "TWFu\n", "TWE", "TW=E", "TQ=", "TQ===", "TWF=", "TR==", "TW*u"}) {
+        EXPECT_FALSE(base64DecodeStrict(bad)) << bad;
+    }
+    const std::vector<uint8_t> bytes = {0x00, 0xab, 0xff, 0x10};
+    EXPECT_EQ(hexString(bytes), "00abff10");
+    EXPECT_EQ(hexString({}), "");
+    EXPECT_EQ(base64DecodeStrict(base64Encode(bytes)), bytes);
+}
+
+TEST(UrlTest, ParsesNormalisesAndRejects) {
+    const auto plain = Url::parse("http://h");
+    ASSERT_TRUE(plain);
+    EXPECT_EQ(plain->absoluteString(), "http://h/");
+    EXPECT_EQ(plain->scheme(), "http");
+    EXPECT_EQ(plain->host(), "h");
+    EXPECT_FALSE(plain->port());
+    EXPECT_EQ(plain->pathAndQuery(), "/");
+
+    const auto full = Url::parse("https://127.0.0.1:8443/a/b?c=d");
+    ASSERT_TRUE(full);
+    EXPECT_EQ(full->port(), 8443);
+    EXPECT_EQ(full->pathAndQuery(), "/a/b?c=d");
+    EXPECT_EQ(full, Url::parse(full->absoluteString()));
+
+    for (const char* bad : {"", "not a url", "/relative/path", "http://", "http://exa mple.com/"}) {
+        EXPECT_FALSE(Url::parse(bad)) << bad;
+    }
+}
+
+TEST(AtomicTest, IncrementsAreNotLostAndSnapshotsAreCopies) {
+    Atomic<int64_t> counter(0);
+    auto add = [&] {
+        for (int i = 0; i < 10000; ++i) {
+            counter.modify([](int64_t& value) { ++value; });
+        }
+    };
+    std::thread a(add), b(add);
+    a.join();
+    b.join();
+    EXPECT_EQ(counter.load(), 20000);
+
+    AtomicArray<int> array({1, 2});
+    std::vector<int> snapshot = array.snapshot();
+    array.append(3);
+    snapshot.push_back(99);
+    EXPECT_EQ(snapshot, (std::vector<int>{1, 2, 99}));
+    EXPECT_EQ(array.snapshot(), (std::vector<int>{1, 2, 3}));
+}
+
+}  // namespace
+}  // namespace pellorin
