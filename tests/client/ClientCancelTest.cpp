@@ -50,11 +50,11 @@ TEST(ClientCancel, InFlightPartsEndCancelledAndWaitingPartsFailInQueueOrderUnsen
             std::this_thread::sleep_for(std::chrono::milliseconds(10));
         }
         t.client->invalidateAndCancel();
-        t.client->invalidateAndCancel();
     });
     const auto started = std::chrono::steady_clock::now();
     EXPECT_EQ(t.run(), 1);
     canceller.join();
+    t.client->invalidateAndCancel();  // after the first took effect: only logs
     EXPECT_LT(std::chrono::steady_clock::now() - started, std::chrono::seconds(15));
 
     for (const auto& r : t.receiver->requests()) EXPECT_LE(r.partNumber.value_or(0), 2u);
