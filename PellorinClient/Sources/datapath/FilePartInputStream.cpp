@@ -1,0 +1,217 @@
+#include "datapath/FilePartInputStream.h"
+
+#include <algorithm>
+#include <cctype>
+#include <string>
+
+#include "Platform/Encoding.h"
+#include "Platform/Fatal.h"
+
+namespace pellorin {
+
+namespace {
+
+// After a taker empties the limiter it pauses for a random time below this, so that streams
+// sharing one limiter do not all wake at the same instant.
+constexpr int64_t kMaxExhaustedPauseMicros = 4499;
+constexpr auto kRetryPause = std::chrono::milliseconds(1);
+
+bool equalIgnoringCase(const std::string& a, const std::string& b) {
+    return std::equal(a.begin(), a.end(), b.begin(), b.end(), [](char x, char y) {
+        return std::tolower(static_cast<unsigned char>(x)) ==
+               std::tolower(static_cast<unsigned char>(y));
+    });
+}
+
+}  // namespace
+
+FilePartInputStream::FilePartInputStream(std::shared_ptr<SharedFile> file, uint64_t partNumber,
+                                         uint64_t offset, uint64_t length,
+                                         std::unique_ptr<MessageDigest> hasher,
+                                         std::shared_ptr<RateLimiter> rateLimiter)
+    : partNumber_(partNumber),
+      offset_(offset),
+      length_(length),
+      rcFile_(std::move(file)),
+      maxOffset_(checkedAdd(offset, length, "FilePartInputStream: offset + length overflows")),
+      currentOffset_(offset),
+      hasher_(std::move(hasher)),
+      rateLimiter_(std::move(rateLimiter)),
+      random_(std::random_device{}()) {}
+
+FilePartInputStream::~FilePartInputStream() {
+    if (holdsFileReference_) {
+        rcFile_->close();
+    }
+}
+
+std::shared_ptr<FilePartInputStream> filePart(DigestAlgorithm algorithm,
+                                              std::shared_ptr<SharedFile> file, uint64_t partNumber,
+                                              uint64_t offset, uint64_t length,
+                                              std::shared_ptr<RateLimiter> rateLimiter) {
+    return std::make_shared<FilePartInputStream>(std::move(file), partNumber, offset, length,
+                                                 newDigest(algorithm), std::move(rateLimiter));
+}
+
+void FilePartInputStream::setStatus(StreamStatus status) {
+    status_.store(status);
+    StreamEvent event;
+    switch (status) {
+        case StreamStatus::open:
+            event = StreamEvent::openCompleted;
+            break;
+        case StreamStatus::atEnd:
+            event = StreamEvent::endEncountered;
+            break;
+        case StreamStatus::error:
+            event = StreamEvent::errorOccurred;
+            break;
+        default:
+            return;
+    }
+    std::shared_ptr<SerialQueue> runLoop;
+    {
+        std::lock_guard lock(scheduleMutex_);
+        runLoop = delegateRunLoop_;
+    }
+    postEvent(runLoop, event);  // does nothing without a queue
+}
+
+void FilePartInputStream::open() {
+    if (!holdsFileReference_) {
+        rcFile_->open();
+        holdsFileReference_ = true;
+    }
+    setStatus(StreamStatus::open);
+}
+
+void FilePartInputStream::close() {
+    if (holdsFileReference_) {
+        rcFile_->close();
+        holdsFileReference_ = false;
+    }
+    setStatus(StreamStatus::closed);
+}
+
+int64_t FilePartInputStream::takePermits(int64_t request) {
+    if (waitUntil_) {
+        waitSemaphore_.waitUntil(*waitUntil_);
+        waitUntil_.reset();
+    }
+    if (!rateLimiter_) {
+        return request;
+    }
+    for (;;) {
+        RateLimiter::Grant grant{0, false};
+        std::optional<std::chrono::system_clock::time_point> deadline;
+        if (request != 0) {
+            grant = rateLimiter_->acquire(request);
+            if (grant.exhausted) {
+                std::uniform_int_distribution<int64_t> pause(0, kMaxExhaustedPauseMicros);
+                deadline =
+                    std::chrono::system_clock::now() + std::chrono::microseconds(pause(random_));
+            }
+        }
+        if (grant.granted > 0) {
+            // The pause, if any, is taken at the start of the next read: these bytes go now.
+            waitUntil_ = deadline;
+            return static_cast<int64_t>(grant.granted);
+        }
+        waitSemaphore_.waitUntil(deadline ? *deadline
+                                          : std::chrono::system_clock::now() + kRetryPause);
+    }
+}
+
+int64_t FilePartInputStream::countToRead(int64_t granted) const {
+    const uint64_t current = currentOffset_.load(std::memory_order_relaxed);
+    return static_cast<int64_t>(std::min(static_cast<uint64_t>(granted), maxOffset_ - current));
+}
+
+void FilePartInputStream::advance(int64_t count) {
+    const uint64_t next =
+        currentOffset_.load(std::memory_order_relaxed) + static_cast<uint64_t>(count);
+    currentOffset_.store(next, std::memory_order_relaxed);
+}
+
+int64_t FilePartInputStream::read(uint8_t* buffer, int64_t maxLength) {
+    if (maxLength < 0) {
+        fatalError("FilePartInputStream::read: negative length " + std::to_string(maxLength));
+    }
+    if (currentOffset_.load(std::memory_order_relaxed) >= maxOffset_) {
+        setStatus(StreamStatus::atEnd);
+        return 0;
+    }
+    setStatus(StreamStatus::reading);
+    const int64_t count = countToRead(takePermits(maxLength));
+    int64_t bytesRead;
+    try {
+        bytesRead = rcFile_->read(buffer, currentOffset_.load(std::memory_order_relaxed), count);
+    } catch (const SharedFileError&) {
+        setStatus(StreamStatus::error);  // the stream way: -1 and the error status
+        return -1;
+    }
+    if (bytesRead > 0) {
+        hasher_->update({buffer, static_cast<size_t>(bytesRead)});
+        advance(bytesRead);
+        if (currentOffset_.load(std::memory_order_relaxed) >= maxOffset_) {
+            setStatus(StreamStatus::atEnd);
+        }
+    }
+    return bytesRead;
+}
+
+std::optional<std::vector<uint8_t>> FilePartInputStream::read(int64_t length) {
+    if (length < 0) {
+        fatalError("FilePartInputStream::read: negative length " + std::to_string(length));
+    }
+    if (currentOffset_.load(std::memory_order_relaxed) >= maxOffset_) {
+        return std::nullopt;
+    }
+    const int64_t count = countToRead(takePermits(length));
+    std::optional<std::vector<uint8_t>> bytes =
+        rcFile_->read(currentOffset_.load(std::memory_order_relaxed), count);
+    if (bytes) {
+        hasher_->update(*bytes);
+        advance(static_cast<int64_t>(bytes->size()));
+    }
+    return bytes;
+}
+
+bool FilePartInputStream::getBuffer(uint8_t** /*buffer*/, int64_t* /*length*/) {
+    return false;
+}
+
+bool FilePartInputStream::hasBytesAvailable() const {
+    const StreamStatus status = status_.load();
+    return (status == StreamStatus::open || status == StreamStatus::reading) &&
+           currentOffset_.load(std::memory_order_relaxed) < maxOffset_;
+}
+
+void FilePartInputStream::schedule(std::shared_ptr<SerialQueue> queue, std::string mode) {
+    std::lock_guard lock(scheduleMutex_);
+    delegateRunLoop_ = std::move(queue);
+    runLoopMode_ = std::move(mode);
+}
+
+void FilePartInputStream::remove(const std::shared_ptr<SerialQueue>& /*queue*/,
+                                 const std::string& /*mode*/) {
+    std::lock_guard lock(scheduleMutex_);
+    delegateRunLoop_.reset();
+}
+
+const std::vector<uint8_t>& FilePartInputStream::digestData() {
+    if (!digest_) {
+        digest_ = hasher_->finalize();
+    }
+    return *digest_;
+}
+
+ChecksumStatus FilePartInputStream::verifyRemoteChecksum(const std::string& remote) {
+    std::string local = hexString(digestData());
+    if (equalIgnoringCase(local, remote)) {
+        return ChecksumStatus::matched();
+    }
+    return ChecksumStatus::failed(std::move(local), remote);
+}
+
+}  // namespace pellorin

@@ -1,0 +1,133 @@
+// FilePartInputStream: the body of one part's upload. Serves the part's byte range of a shared
+// file, hashing exactly the bytes it serves and, with a rate limiter, taking one permit per byte
+// (sleeping when none are left) before each read.
+//
+// Ownership: held as std::shared_ptr (event blocks hold it weakly). Holds its SharedFile and
+// RateLimiter strongly, owns its digest; the delegate is unretained. One stream serves one
+// attempt: a retry gets a new stream and a new digest.
+// Threads: open/read/close run on the HTTP task's transfer thread, one reader at a time, and a
+// read may sleep there. Events go only to the SerialQueue the stream is scheduled on, as async
+// blocks, never from the reading thread. streamStatus(), bytesRead(), schedule(), remove() and
+// the delegate may be used from any thread. digestData() and verifyRemoteChecksum() are called
+// once reading is over.
+#pragma once
+
+#include <atomic>
+#include <chrono>
+#include <cstdint>
+#include <memory>
+#include <mutex>
+#include <optional>
+#include <random>
+#include <string>
+#include <vector>
+
+#include "Platform/InputStream.h"
+#include "Platform/Semaphore.h"
+#include "datapath/MessageDigest.h"
+#include "datapath/RateLimiter.h"
+#include "datapath/SharedFile.h"
+
+namespace pellorin {
+
+enum class ChecksumStatusKind { failed, matched };
+
+// The outcome of comparing the local digest with the server's checksum; `local` (lower-case
+// hexadecimal) and `remote` (as the server sent it) are set when it failed.
+struct ChecksumStatus {
+    ChecksumStatusKind kind;
+    std::string local;
+    std::string remote;
+
+    static ChecksumStatus matched() { return {ChecksumStatusKind::matched, {}, {}}; }
+    static ChecksumStatus failed(std::string local, std::string remote) {
+        return {ChecksumStatusKind::failed, std::move(local), std::move(remote)};
+    }
+    bool operator==(const ChecksumStatus&) const = default;
+};
+
+class FilePartInputStream : public InputStream {
+  public:
+    // `rateLimiter` may be null (no limit). offset + length past 2^64 is a fatal stop; a range
+    // past the end of the file is not checked here: reading it fails.
+    FilePartInputStream(std::shared_ptr<SharedFile> file, uint64_t partNumber, uint64_t offset,
+                        uint64_t length, std::unique_ptr<MessageDigest> hasher,
+                        std::shared_ptr<RateLimiter> rateLimiter);
+    // Gives back the file reference if the stream was opened and never closed.
+    ~FilePartInputStream() override;
+
+    // Takes a reference on the shared file (once) and becomes open (event openCompleted).
+    void open() override;
+    // Gives back the file reference (if held) and becomes closed (no event). Accepted in every
+    // status; the descriptor stays open, it belongs to the shared file.
+    void close() override;
+    // Sleeps first if the previous read emptied the limiter, takes permits for up to maxLength
+    // bytes, then preads at most the permitted and remaining bytes straight into `buffer` and
+    // hashes them. Returns the count; 0 once the range is consumed (status atEnd, event
+    // endEncountered, also set by the read that takes the last byte); -1 when the file read
+    // fails (status error, event errorOccurred; permits taken are not given back). A negative
+    // maxLength is a fatal stop. With a limiter a request of 0 is never granted: do not make one.
+    int64_t read(uint8_t* buffer, int64_t maxLength) override;
+    bool getBuffer(uint8_t** buffer, int64_t* length) override;
+    // True when open or reading and bytes remain.
+    bool hasBytesAvailable() const override;
+    StreamStatus streamStatus() const override { return status_.load(); }
+
+    StreamDelegate* delegate() const override { return delegate_.load(); }
+    void setDelegate(StreamDelegate* delegate) override { delegate_.store(delegate); }
+    // Events go to `queue` from now on, replacing an earlier one; the mode is kept for the record.
+    void schedule(std::shared_ptr<SerialQueue> queue, std::string mode) override;
+    // Stops event delivery whatever queue and mode are given (the mode stays stored).
+    void remove(const std::shared_ptr<SerialQueue>& queue, const std::string& mode) override;
+
+    // As read(buffer, maxLength), but into a new buffer; leaves the status alone and lets a
+    // failed file read throw SharedFileError. Advances the position. No value once the range is
+    // consumed (or when the file yields nothing).
+    std::optional<std::vector<uint8_t>> read(int64_t length);
+
+    // The digest of the bytes served so far; finalised on first call, the same bytes afterwards.
+    const std::vector<uint8_t>& digestData();
+    // Compares the local digest's hexadecimal form with `remote`, ignoring letter case.
+    ChecksumStatus verifyRemoteChecksum(const std::string& remote);
+
+    uint64_t partNumber() const { return partNumber_; }
+    uint64_t offset() const { return offset_; }
+    uint64_t length() const { return length_; }
+    uint64_t bytesRead() const { return currentOffset_.load(std::memory_order_relaxed) - offset_; }
+    const std::string& filePath() const { return rcFile_->filePath(); }
+
+  private:
+    // Stores the status; when scheduled, posts open/atEnd/error as their events.
+    void setStatus(StreamStatus status);
+    // The permits for the next read: all of `request` without a limiter, else at least one
+    // (sleeping until one is had).
+    int64_t takePermits(int64_t request);
+    // The bytes to read next: the grant, cut at the end of the range.
+    int64_t countToRead(int64_t granted) const;
+    void advance(int64_t count);
+
+    const uint64_t partNumber_;
+    const uint64_t offset_;
+    const uint64_t length_;
+    const std::shared_ptr<SharedFile> rcFile_;
+    const uint64_t maxOffset_;
+    // Written only by the reading thread; atomic so that progress can be read from any thread.
+    std::atomic<uint64_t> currentOffset_;
+    std::unique_ptr<MessageDigest> hasher_;
+    const std::shared_ptr<RateLimiter> rateLimiter_;
+
+    // Reading thread only.
+    std::optional<std::chrono::system_clock::time_point> waitUntil_;
+    Semaphore waitSemaphore_{0};  // never signalled: timed waits are the sleeps
+    std::minstd_rand random_;
+    std::optional<std::vector<uint8_t>> digest_;
+    bool holdsFileReference_ = false;
+
+    std::atomic<StreamStatus> status_{StreamStatus::notOpen};
+    std::atomic<StreamDelegate*> delegate_{nullptr};
+    mutable std::mutex scheduleMutex_;
+    std::shared_ptr<SerialQueue> delegateRunLoop_;  // guarded by scheduleMutex_
+    std::optional<std::string> runLoopMode_;        // guarded by scheduleMutex_
+};
+
+}  // namespace pellorin
