@@ -6,48 +6,9 @@
 #include <unistd.h>
 
 #include <stdexcept>
-#include <thread>
 #include <tuple>
 
 namespace pellorin::testing {
-
-void RecordingDelegate::urlSessionTaskNeedNewBodyStream(
-    HttpSession&, UploadTask& task, std::function<void(std::shared_ptr<InputStream>)> handler) {
-    record(SessionEvent(SessionEvent::Kind::needBodyStream, task.taskIdentifier()));
-    handler(bodyFor_ ? bodyFor_(task) : nullptr);
-}
-
-void RecordingDelegate::urlSessionTaskDidSendBodyData(HttpSession&, UploadTask& task,
-                                                      int64_t bytesSent, int64_t totalBytesSent,
-                                                      int64_t totalExpected) {
-    SessionEvent event(SessionEvent::Kind::sentBodyData, task.taskIdentifier());
-    event.bytesSent = bytesSent;
-    event.totalBytesSent = totalBytesSent;
-    event.totalExpected = totalExpected;
-    record(std::move(event));
-}
-
-void RecordingDelegate::urlSessionTaskDidFinishCollectingMetrics(HttpSession&, UploadTask& task,
-                                                                 const TaskMetrics& metrics) {
-    SessionEvent event(SessionEvent::Kind::metrics, task.taskIdentifier());
-    event.metrics = metrics;
-    record(std::move(event));
-}
-
-void RecordingDelegate::urlSessionTaskDidCompleteWithError(
-    HttpSession&, UploadTask& task, const std::optional<PlatformError>& error) {
-    SessionEvent event(SessionEvent::Kind::completed, task.taskIdentifier());
-    event.error = error;
-    event.response = task.response();
-    record(std::move(event));
-}
-
-void RecordingDelegate::urlSessionDidBecomeInvalidWithError(
-    HttpSession&, const std::optional<PlatformError>& error) {
-    SessionEvent event(SessionEvent::Kind::invalidated);
-    event.error = error;
-    record(std::move(event));
-}
 
 void RecordingDelegate::record(SessionEvent event) {
     const bool onQueue = queue_->isCurrent();
@@ -57,41 +18,22 @@ void RecordingDelegate::record(SessionEvent event) {
     changed_.notify_all();
 }
 
-bool RecordingDelegate::waitForCompletions(size_t count, std::chrono::milliseconds limit) {
-    std::unique_lock lock(mutex_);
-    return changed_.wait_for(lock, limit, [&] {
-        size_t done = 0;
-        for (const SessionEvent& e : events_) {
-            done += e.kind == SessionEvent::Kind::completed ? 1 : 0;
-        }
-        return done >= count;
-    });
-}
-
 bool RecordingDelegate::waitForInvalidation(std::chrono::milliseconds limit) {
     std::unique_lock lock(mutex_);
-    return changed_.wait_for(lock, limit, [&] {
-        return !events_.empty() && events_.back().kind == SessionEvent::Kind::invalidated;
-    });
+    return changed_.wait_for(
+        lock, limit, [&] { return !events_.empty() && events_.back().kind == Kind::invalidated; });
 }
 
-std::vector<SessionEvent> RecordingDelegate::events() const {
+std::vector<SessionEvent> RecordingDelegate::events(std::optional<Kind> kind) const {
     std::lock_guard lock(mutex_);
-    return events_;
-}
-
-std::vector<SessionEvent> RecordingDelegate::eventsOf(SessionEvent::Kind kind) const {
     std::vector<SessionEvent> result;
-    for (SessionEvent& e : events()) {
-        if (e.kind == kind) {
-            result.push_back(std::move(e));
-        }
-    }
+    std::copy_if(events_.begin(), events_.end(), std::back_inserter(result),
+                 [&](const SessionEvent& e) { return !kind || e.kind == *kind; });
     return result;
 }
 
 std::optional<SessionEvent> RecordingDelegate::completionOf(uint64_t task) const {
-    for (SessionEvent& e : eventsOf(SessionEvent::Kind::completed)) {
+    for (SessionEvent& e : events(Kind::completed)) {
         if (e.task == task) {
             return e;
         }
@@ -127,10 +69,14 @@ int64_t TestStream::read(uint8_t* buffer, int64_t maxLength) {
     if (failAfter_ && delivered_ >= *failAfter_) {
         return -1;
     }
-    const int64_t limit = failAfter_ ? std::min(maxLength, *failAfter_ - delivered_) : maxLength;
-    const int64_t got = MemoryInputStream::read(buffer, limit);
-    delivered_ += got > 0 ? got : 0;
+    const int64_t got = MemoryInputStream::read(
+        buffer, failAfter_ ? std::min(maxLength, *failAfter_ - delivered_) : maxLength);
+    delivered_ += std::max<int64_t>(got, 0);
     return got;
+}
+
+RecordingDelegate::BodySupplier bodyOf(size_t size) {
+    return [size](UploadTask&) { return std::make_shared<MemoryInputStream>(patternBytes(size)); };
 }
 
 std::vector<uint8_t> patternBytes(size_t count, uint32_t seed) {
@@ -144,11 +90,7 @@ std::vector<uint8_t> patternBytes(size_t count, uint32_t seed) {
 }
 
 HttpRequest uploadRequest(const std::string& url, int64_t length) {
-    std::optional<Url> parsed = Url::parse(url);
-    if (!parsed) {
-        throw std::invalid_argument("bad test URL " + url);
-    }
-    HttpRequest request(*parsed);
+    HttpRequest request(Url::parse(url).value());
     request.httpMethod = "PUT";
     request.addValue(std::to_string(length), "Content-Length");
     return request;
@@ -156,7 +98,7 @@ HttpRequest uploadRequest(const std::string& url, int64_t length) {
 
 namespace {
 
-// A TCP socket bound to an ephemeral port on 127.0.0.1; returns the descriptor and the port.
+// A TCP socket bound to an ephemeral port on 127.0.0.1: the descriptor and the port.
 std::pair<int, int> boundSocket() {
     const int fd = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
     sockaddr_in address{};

@@ -1,5 +1,5 @@
-// Helpers for the HTTP session tests: a delegate that records every callback, and body streams
-// that sleep or fail.
+// Helpers for the HTTP session tests: a delegate that records every callback, a session made
+// with it, body streams that wait or fail, and loopback sockets that refuse or stall.
 #pragma once
 
 #include <chrono>
@@ -18,59 +18,85 @@ namespace pellorin::testing {
 
 struct SessionEvent {
     enum class Kind { needBodyStream, sentBodyData, metrics, completed, invalidated };
-    explicit SessionEvent(Kind kind, uint64_t task = 0) : kind(kind), task(task) {}
     Kind kind;
-    uint64_t task;
+    uint64_t task = 0;
     int64_t bytesSent = 0, totalBytesSent = 0, totalExpected = 0;  // sentBodyData
-    TaskMetrics metrics;                                           // metrics
-    std::optional<PlatformError> error;                            // completed, invalidated
-    std::shared_ptr<const HttpResponse> response;                  // completed
+    TaskMetrics metrics{};                                         // metrics
+    std::optional<PlatformError> error{};                          // completed
+    std::shared_ptr<const HttpResponse> response{};                // completed
 };
 
-// Records every callback with the task it concerns; answers body-stream requests through
-// `bodyFor` (nullptr answers "no stream"). Counts callbacks that came off the delegate queue.
+// Records every callback; answers body-stream requests through `bodyFor`, except that of task
+// `holdBodyOfTask`, whose handler is kept unanswered. Counts callbacks off the delegate queue.
 class RecordingDelegate : public HttpSessionDelegate {
   public:
+    using Kind = SessionEvent::Kind;
     using BodySupplier = std::function<std::shared_ptr<InputStream>(UploadTask&)>;
     RecordingDelegate(std::shared_ptr<SerialQueue> queue, BodySupplier bodyFor)
         : queue_(std::move(queue)), bodyFor_(std::move(bodyFor)) {}
 
     void urlSessionTaskNeedNewBodyStream(
-        HttpSession& session, UploadTask& task,
-        std::function<void(std::shared_ptr<InputStream>)> completionHandler) override;
-    void urlSessionTaskDidSendBodyData(HttpSession& session, UploadTask& task, int64_t bytesSent,
-                                       int64_t totalBytesSent,
-                                       int64_t totalBytesExpectedToSend) override;
-    void urlSessionTaskDidFinishCollectingMetrics(HttpSession& session, UploadTask& task,
-                                                  const TaskMetrics& metrics) override;
-    void urlSessionTaskDidCompleteWithError(HttpSession& session, UploadTask& task,
-                                            const std::optional<PlatformError>& error) override;
-    void urlSessionDidBecomeInvalidWithError(HttpSession& session,
-                                             const std::optional<PlatformError>& error) override;
+        HttpSession&, UploadTask& task,
+        std::function<void(std::shared_ptr<InputStream>)> handler) override {
+        record({Kind::needBodyStream, task.taskIdentifier()});
+        if (task.taskIdentifier() == holdBodyOfTask) {
+            held_.push_back(std::move(handler));
+        } else {
+            handler(bodyFor_(task));
+        }
+    }
+    void urlSessionTaskDidSendBodyData(HttpSession&, UploadTask& task, int64_t sent, int64_t total,
+                                       int64_t expected) override {
+        record({Kind::sentBodyData, task.taskIdentifier(), sent, total, expected});
+    }
+    void urlSessionTaskDidFinishCollectingMetrics(HttpSession&, UploadTask& task,
+                                                  const TaskMetrics& metrics) override {
+        record({Kind::metrics, task.taskIdentifier(), 0, 0, 0, metrics});
+    }
+    void urlSessionTaskDidCompleteWithError(HttpSession&, UploadTask& task,
+                                            const std::optional<PlatformError>& error) override {
+        record({Kind::completed, task.taskIdentifier(), 0, 0, 0, {}, error, task.response()});
+    }
+    void urlSessionDidBecomeInvalidWithError(HttpSession&,
+                                             const std::optional<PlatformError>&) override {
+        record({Kind::invalidated});
+    }
 
-    // Waits (bounded) until `count` tasks have completed / the session has become invalid.
-    bool waitForCompletions(size_t count,
-                            std::chrono::milliseconds limit = std::chrono::seconds(10));
+    // Waits at most `limit` until the session has become invalid.
     bool waitForInvalidation(std::chrono::milliseconds limit = std::chrono::seconds(10));
-    std::vector<SessionEvent> events() const;
-    std::vector<SessionEvent> eventsOf(SessionEvent::Kind kind) const;
-    // The completion event of `task`, if it came.
+    std::vector<SessionEvent> events(std::optional<Kind> kind = std::nullopt) const;
     std::optional<SessionEvent> completionOf(uint64_t task) const;
     int offQueueCalls() const;
+
+    uint64_t holdBodyOfTask = 0;  // set before the first task starts
 
   private:
     void record(SessionEvent event);
 
     const std::shared_ptr<SerialQueue> queue_;
     const BodySupplier bodyFor_;
+    std::vector<std::function<void(std::shared_ptr<InputStream>)>> held_;  // on the queue only
     mutable std::mutex mutex_;
     std::condition_variable changed_;
     std::vector<SessionEvent> events_;  // guarded by mutex_
     int offQueueCalls_ = 0;             // guarded by mutex_
 };
 
-// A stream over bytes in memory whose first read waits (at most 10 s) until `gate` is ready,
-// and whose reads fail once `failAfter` bytes have been read.
+// A session with a recording delegate on a queue of its own.
+struct SessionHarness {
+    explicit SessionHarness(RecordingDelegate::BodySupplier bodyFor,
+                            SessionConfiguration configuration = SessionConfiguration::ephemeral());
+    // Runs one streamed task, invalidates the session and returns the task's completion (no
+    // value when it did not come within 10 s).
+    std::optional<SessionEvent> runOne(HttpRequest request);
+
+    std::shared_ptr<SerialQueue> queue = SerialQueue::make("test.delegate");
+    std::shared_ptr<RecordingDelegate> delegate;
+    std::shared_ptr<HttpSession> session;
+};
+
+// Bytes in memory; the first read waits (at most 10 s) for `gate`, and reads fail once
+// `failAfter` bytes have gone.
 class TestStream : public MemoryInputStream {
   public:
     explicit TestStream(std::vector<uint8_t> bytes,
@@ -80,35 +106,21 @@ class TestStream : public MemoryInputStream {
     int64_t read(uint8_t* buffer, int64_t maxLength) override;
 
   private:
-    std::optional<std::shared_future<void>> gate_;  // transfer thread only
+    std::optional<std::shared_future<void>> gate_;
     const std::optional<int64_t> failAfter_;
-    int64_t delivered_ = 0;  // transfer thread only
+    int64_t delivered_ = 0;
 };
 
-// A session with a recording delegate on a queue of its own.
-struct SessionHarness {
-    explicit SessionHarness(RecordingDelegate::BodySupplier bodyFor,
-                            SessionConfiguration configuration = SessionConfiguration::ephemeral());
-
-    // Runs one streamed task to its end, invalidates the session and returns the task's
-    // completion (no value when it did not come in time).
-    std::optional<SessionEvent> runOne(HttpRequest request);
-
-    std::shared_ptr<SerialQueue> queue = SerialQueue::make("test.delegate");
-    std::shared_ptr<RecordingDelegate> delegate;
-    std::shared_ptr<HttpSession> session;
-};
-
-// Deterministic bytes for bodies.
+// A body supplier of `size` pattern bytes, and those bytes.
+RecordingDelegate::BodySupplier bodyOf(size_t size);
 std::vector<uint8_t> patternBytes(size_t count, uint32_t seed = 1);
-
-// A request to `url` whose "Content-Length" is `length`, method PUT.
+// A PUT to `url` with "Content-Length" `length`.
 HttpRequest uploadRequest(const std::string& url, int64_t length);
 
-// A TCP port on 127.0.0.1 that nothing listens on.
+// A port on 127.0.0.1 that refuses connections.
 int closedPort();
 
-// A socket on 127.0.0.1 that listens but never accepts: connections are made by the kernel and
+// A socket on 127.0.0.1 that listens but never accepts: the kernel completes connections and
 // then nothing is read or answered, so every transfer to it stalls.
 class SilentListener {
   public:
