@@ -18,7 +18,8 @@ TEST(ClientCancel, InFlightPartsEndCancelledAndWaitingPartsFailInQueueOrderUnsen
     Transfer t(8 * kPart, 2, 3);
     // The first two parts stall at the server, so they are in flight when the host cancels.
     t.receiver->setFaultScript([](const RequestInfo& info) -> std::optional<Fault> {
-        if (info.partNumber.value_or(0) > 2) return std::nullopt;
+        if (info.partNumber.value_or(0) > 2)
+            return std::nullopt;
         Fault fault;
         fault.stallSecs = 30;
         return fault;
@@ -30,14 +31,16 @@ TEST(ClientCancel, InFlightPartsEndCancelledAndWaitingPartsFailInQueueOrderUnsen
     std::mutex orderMutex;
     std::vector<std::string> order;
     queued->onEvent = [&](const RecordingDelegate::Event& e) {
-        if (e.kind != "failed") return;
+        if (e.kind != "failed")
+            return;
         std::this_thread::sleep_for(std::chrono::milliseconds(10));
         std::lock_guard lock(orderMutex);
         order.push_back("queued");
     };
     auto direct = std::make_shared<RecordingDelegate>();
     direct->onEvent = [&](const RecordingDelegate::Event& e) {
-        if (e.kind != "failed") return;
+        if (e.kind != "failed")
+            return;
         std::lock_guard lock(orderMutex);
         order.push_back("direct");
     };
@@ -57,13 +60,15 @@ TEST(ClientCancel, InFlightPartsEndCancelledAndWaitingPartsFailInQueueOrderUnsen
     t.client->invalidateAndCancel();  // after the first took effect: only logs
     EXPECT_LT(std::chrono::steady_clock::now() - started, std::chrono::seconds(15));
 
-    for (const auto& r : t.receiver->requests()) EXPECT_LE(r.partNumber.value_or(0), 2u);
+    for (const auto& r : t.receiver->requests())
+        EXPECT_LE(r.partNumber.value_or(0), 2u);
     ASSERT_EQ(t.delegate->failed.size(), 8u);
     std::vector<uint64_t> waitingOrder;
     for (const auto& m : t.delegate->failed) {
         EXPECT_EQ(m->errors().back()->code(), 6) << m->partNumber();
         EXPECT_EQ(m->errors().back()->message(), "Cancelled by user.");
-        if (m->partNumber() > 2) waitingOrder.push_back(m->partNumber());
+        if (m->partNumber() > 2)
+            waitingOrder.push_back(m->partNumber());
     }
     EXPECT_EQ(waitingOrder, (std::vector<uint64_t>{3, 4, 5, 6, 7, 8}));
     EXPECT_TRUE(t.delegate->completed.empty());

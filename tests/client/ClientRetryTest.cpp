@@ -17,9 +17,10 @@ constexpr uint64_t kPart = 64 * 1024;
 
 // Applies `fault` to the given attempts (0-based) of part 1.
 std::function<std::optional<Fault>(const RequestInfo&)> onPartOne(Fault fault,
-                                                                   std::vector<uint32_t> attempts) {
+                                                                  std::vector<uint32_t> attempts) {
     return [fault, attempts](const RequestInfo& info) -> std::optional<Fault> {
-        if (info.partNumber != 1u) return std::nullopt;
+        if (info.partNumber != 1u)
+            return std::nullopt;
         if (std::find(attempts.begin(), attempts.end(), info.attempt) == attempts.end()) {
             return std::nullopt;
         }
@@ -87,7 +88,8 @@ TEST(ClientRetry, DroppedConnectionsBackOffOneTwoFourSecondsAndChecksumMismatche
     EXPECT_EQ(md5HexOfFile(t.copy()), md5HexOfFile(t.source));
 
     std::map<uint64_t, std::vector<std::shared_ptr<const PartRetryMessage>>> retries;
-    for (const auto& m : t.delegate->retries) retries[m->partNumber()].push_back(m);
+    for (const auto& m : t.delegate->retries)
+        retries[m->partNumber()].push_back(m);
     ASSERT_EQ(retries[1].size(), 3u);
     for (size_t i = 0; i < 3; ++i) {
         EXPECT_EQ(retries[1][i]->retryCount(), i + 1);
@@ -116,9 +118,9 @@ TEST(ClientRetry, SpentBudgetFailsWithTheWholeHistory) {
     // A server-requested retry travels only in the retry messages; network errors and checksum
     // mismatches stay in the part's history.
     for (const Case& c : {Case{unavailable, {1}},
-                          Case{dropped, {URLError::networkConnectionLost,
-                                         URLError::networkConnectionLost,
-                                         URLError::networkConnectionLost, 1}},
+                          Case{dropped,
+                               {URLError::networkConnectionLost, URLError::networkConnectionLost,
+                                URLError::networkConnectionLost, 1}},
                           Case{quoted, {2, 2, 2, 1}}}) {
         Transfer t(kPart, 2, 2);
         t.receiver->setFaultScript(onPartOne(c.fault, {0, 1, 2, 3}));
@@ -129,7 +131,8 @@ TEST(ClientRetry, SpentBudgetFailsWithTheWholeHistory) {
         ASSERT_EQ(t.delegate->failed.size(), 1u);
         const auto& errors = t.delegate->failed[0]->errors();
         std::vector<int64_t> codes;
-        for (const auto& e : errors) codes.push_back(e->code());
+        for (const auto& e : errors)
+            codes.push_back(e->code());
         EXPECT_EQ(codes, c.expectedCodes);
         EXPECT_EQ(errors.back()->message(), "Exceeded retry count: 3");
         EXPECT_EQ(t.delegate->finishStatus, 1);
@@ -160,7 +163,8 @@ TEST(ClientRetry, PermanentFailuresAreNotRetried) {
     EXPECT_EQ(t.receiver->requests().size(), 6u);
     EXPECT_TRUE(t.delegate->retries.empty());
     std::map<uint64_t, std::shared_ptr<const PartFailureMessage>> failures;
-    for (const auto& m : t.delegate->failed) failures[m->partNumber()] = m;
+    for (const auto& m : t.delegate->failed)
+        failures[m->partNumber()] = m;
     ASSERT_EQ(failures.size(), 5u);
     for (const auto& [part, status] : statuses) {
         ASSERT_EQ(failures[part]->errors().size(), 1u);

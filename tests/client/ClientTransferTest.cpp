@@ -32,8 +32,10 @@ TEST_P(ClientTransferTest, UploadsEveryPartExactlyOnceAndReportsIt) {
     EXPECT_EQ(t.delegate->finishStatus, 0);
     std::map<uint64_t, int> starts, completions;
     std::map<uint64_t, int64_t> progress;
-    for (const auto& m : t.delegate->started) ++starts[m->partNumber()];
-    for (const auto& m : t.delegate->progress) progress[m->partNumber()] += m->bytesSent();
+    for (const auto& m : t.delegate->started)
+        ++starts[m->partNumber()];
+    for (const auto& m : t.delegate->progress)
+        progress[m->partNumber()] += m->bytesSent();
     for (const auto& part : parts) {
         const uint64_t n = part->partNumber();
         EXPECT_EQ(starts[n], 1) << "part " << n;
@@ -61,7 +63,8 @@ TEST(ClientScheduling, OneConnectionSendsPartsOneAtATimeInSubmissionOrder) {
     EXPECT_EQ(t.run(), 0);
     EXPECT_EQ(t.receiver->maxConcurrentRequests(), 1);
     std::vector<uint64_t> order;
-    for (const auto& r : t.receiver->requests()) order.push_back(r.partNumber.value_or(0));
+    for (const auto& r : t.receiver->requests())
+        order.push_back(r.partNumber.value_or(0));
     EXPECT_EQ(order, (std::vector<uint64_t>{1, 2, 3, 4, 5, 6}));
     for (const auto& r : t.receiver->requests()) {
         EXPECT_FALSE(r.retryCount.has_value()) << "a first attempt carries no retry count";
@@ -95,7 +98,8 @@ TEST(ClientBadParts, MissingFileAndPartPastTheEndFailAloneWhileTheOthersComplete
     EXPECT_EQ(t.delegate->completed.size(), 4u);
     ASSERT_EQ(t.delegate->failed.size(), 2u);
     std::map<uint64_t, std::shared_ptr<const PartFailureMessage>> failures;
-    for (const auto& m : t.delegate->failed) failures[m->partNumber()] = m;
+    for (const auto& m : t.delegate->failed)
+        failures[m->partNumber()] = m;
     ASSERT_TRUE(failures.count(10) && failures.count(11));
     EXPECT_EQ(failures[10]->errors().back()->code(), 99999);  // the open error, wrapped
     EXPECT_EQ(failures[11]->errors().back()->code(), 1);      // retries spent on a failing read
@@ -123,14 +127,16 @@ TEST(ClientDelegates, WeakTwiceRemovedAndQueuedDelegatesAreHonoured) {
     std::mutex orderMutex;
     std::vector<std::string> order;
     queued->onEvent = [&](const RecordingDelegate::Event& e) {
-        if (e.kind != "complete") return;
+        if (e.kind != "complete")
+            return;
         std::this_thread::sleep_for(std::chrono::milliseconds(20));
         std::lock_guard lock(orderMutex);
         order.push_back("queued " + std::to_string(e.partNumber));
     };
     auto direct = std::make_shared<RecordingDelegate>();
     direct->onEvent = [&](const RecordingDelegate::Event& e) {
-        if (e.kind != "complete") return;
+        if (e.kind != "complete")
+            return;
         std::lock_guard lock(orderMutex);
         order.push_back("direct " + std::to_string(e.partNumber));
     };
@@ -151,7 +157,8 @@ TEST(ClientDelegates, WeakTwiceRemovedAndQueuedDelegatesAreHonoured) {
     EXPECT_TRUE(releasedWeak.expired());
     EXPECT_EQ(twice->completed.size(), 6u);
     EXPECT_TRUE(removed->events.empty());
-    for (const auto& e : queued->events) EXPECT_EQ(e.thread, queueThread) << e.kind;
+    for (const auto& e : queued->events)
+        EXPECT_EQ(e.thread, queueThread) << e.kind;
     ASSERT_EQ(order.size(), 6u);
     for (size_t i = 0; i < order.size(); i += 2) {
         EXPECT_EQ(order[i].substr(0, 6), "queued") << i;
@@ -162,14 +169,19 @@ TEST(ClientDelegates, WeakTwiceRemovedAndQueuedDelegatesAreHonoured) {
 size_t countEntries(const char* directory) {
     size_t count = 0;
     if (DIR* d = opendir(directory)) {
-        while (readdir(d)) ++count;
+        while (readdir(d))
+            ++count;
         closedir(d);
     }
     return count;
 }
 
 TEST(ClientResources, NoThreadOrDescriptorIsLeftAfterAClientGoesAway) {
-    { Transfer warmUp(kPart); warmUp.submitParts(kPart); warmUp.run(); }  // one-time globals
+    {
+        Transfer warmUp(kPart);
+        warmUp.submitParts(kPart);
+        warmUp.run();
+    }  // one-time globals
     const size_t threads = countEntries("/proc/self/task");
     const size_t descriptors = countEntries("/proc/self/fd");
     for (int round = 0; round < 3; ++round) {
@@ -177,8 +189,10 @@ TEST(ClientResources, NoThreadOrDescriptorIsLeftAfterAClientGoesAway) {
         t.submitParts(kPart);
         EXPECT_EQ(t.run(), 0);
     }
-    // Threads that were told to stop may take a moment to be gone.
-    for (int i = 0; i < 100 && countEntries("/proc/self/task") != threads; ++i) {
+    // Threads that were told to stop may take a moment to be gone, and close their sockets.
+    for (int i = 0; i < 250 && (countEntries("/proc/self/task") != threads ||
+                                countEntries("/proc/self/fd") != descriptors);
+         ++i) {
         std::this_thread::sleep_for(std::chrono::milliseconds(20));
     }
     EXPECT_EQ(countEntries("/proc/self/task"), threads);

@@ -22,7 +22,7 @@
 namespace pellorin::testing {
 
 class Transfer {
-public:
+  public:
     explicit Transfer(uint64_t fileSize, uint8_t maxConnections = 4, uint8_t maxRetries = 3,
                       receiver::ReceiverOptions options = {})
         : log(std::make_shared<LogRecord>()), delegate(std::make_shared<RecordingDelegate>()) {
@@ -51,9 +51,9 @@ public:
 
     std::shared_ptr<FilePartRequest> submit(const std::string& path, uint64_t partNumber,
                                             uint64_t offset, uint64_t length) {
-        auto part = FilePartRequest::make(
-            path, partNumber, offset, length,
-            *Url::parse(receiver->partUrl("copy.bin", offset)), "PUT");
+        auto part =
+            FilePartRequest::make(path, partNumber, offset, length,
+                                  *Url::parse(receiver->partUrl("copy.bin", offset)), "PUT");
         client->uploadPartRequest(part);
         return part;
     }
@@ -61,7 +61,8 @@ public:
     // waitUntilFinished, bounded: a transfer that does not finish in time fails the test and is
     // cancelled; one that does not return after cancelling either stops the test binary.
     int32_t run(std::chrono::seconds limit = std::chrono::seconds(60)) {
-        auto result = std::async(std::launch::async, [c = client] { return c->waitUntilFinished(); });
+        auto result =
+            std::async(std::launch::async, [c = client] { return c->waitUntilFinished(); });
         if (result.wait_for(limit) != std::future_status::ready) {
             ADD_FAILURE() << "transfer did not finish within " << limit.count() << " s";
             client->invalidateAndCancel();
