@@ -51,10 +51,11 @@ std::optional<uint64_t> parseByteSize(std::string_view text) {
     uint64_t whole = 0;
     bool digits = false;
     while (i < text.size() && std::isdigit(static_cast<unsigned char>(text[i]))) {
-        if (whole > (UINT64_MAX - 9) / 10) {
+        const auto digit = static_cast<uint64_t>(text[i] - '0');
+        if (whole > (UINT64_MAX - digit) / 10) {
             return std::nullopt;
         }
-        whole = whole * 10 + static_cast<uint64_t>(text[i] - '0');
+        whole = whole * 10 + digit;
         digits = true;
         ++i;
     }
@@ -127,6 +128,10 @@ std::string formatDuration(double seconds) {
                       static_cast<unsigned>(total % 60));
     }
     return text;
+}
+
+std::string countOf(uint64_t count, const std::string& noun) {
+    return std::to_string(count) + " " + noun + (count == 1 ? "" : "s");
 }
 
 }  // namespace pellorin::host

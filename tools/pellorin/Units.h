@@ -23,4 +23,7 @@ std::string formatRate(double bytesPerSecond);
 // or more.
 std::string formatDuration(double seconds);
 
+// "1 part", "3 parts": a count and a noun that takes an "s" in the plural.
+std::string countOf(uint64_t count, const std::string& noun);
+
 }  // namespace pellorin::host

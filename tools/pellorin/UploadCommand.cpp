@@ -87,18 +87,15 @@ Split splitByJournal(std::vector<PlannedPart> parts, const Journal* journal) {
 
 // Runs the client over `parts`; returns its exit status.
 int transfer(const UploadOptions& options, const std::vector<PlannedPart>& parts, Journal* journal,
-             const std::shared_ptr<StatusLine>& line, Cancellation& cancellation) {
-    std::unique_ptr<EventLog> events;
-    if (!options.events.empty()) {
-        events = std::make_unique<EventLog>(options.events);
-    }
+             EventLog* events, const std::shared_ptr<StatusLine>& line,
+             Cancellation& cancellation) {
     Split split = splitByJournal(parts, journal);
     ProgressCounters counters(totalLength(parts), parts.size());
     counters.doneBytes = split.skippedBytes;
     counters.partsDone = split.skippedParts;
     if (split.skippedParts > 0) {
         line->print("pellorin: " + std::to_string(split.skippedParts) + " of " +
-                    std::to_string(parts.size()) + " parts are already done according to " +
+                    countOf(parts.size(), "part") + " already done according to " +
                     options.journal);
     }
 
@@ -160,10 +157,14 @@ int runUpload(const UploadOptions& options, const std::shared_ptr<StatusLine>& l
     if (!options.journal.empty()) {
         journal = Journal::open(options.journal);
     }
+    std::unique_ptr<EventLog> events;
+    if (!options.events.empty()) {
+        events = std::make_unique<EventLog>(options.events);
+    }
     try {
         if (!options.reservation.empty()) {
-            return transfer(options, readReservationFile(options.reservation), journal.get(), line,
-                            cancellation);
+            return transfer(options, readReservationFile(options.reservation), journal.get(),
+                            events.get(), line, cancellation);
         }
         std::unique_ptr<TemporaryDirectory> demoDirectory;
         std::string source = options.file;
@@ -178,8 +179,9 @@ int runUpload(const UploadOptions& options, const std::shared_ptr<StatusLine>& l
                                   : std::optional<std::filesystem::path>(options.directory));
         const auto parts = target.plan(source, options.partSize);
         line->print("pellorin: uploading " + source + " (" + formatBytes(totalLength(parts)) +
-                    ", " + std::to_string(parts.size()) + " parts) to " + target.baseUrl());
-        const int status = transfer(options, parts, journal.get(), line, cancellation);
+                    ", " + countOf(parts.size(), "part") + ") to " + target.baseUrl());
+        const int status =
+            transfer(options, parts, journal.get(), events.get(), line, cancellation);
         if (status != 0 || cancellation.requested()) {
             return status;
         }
