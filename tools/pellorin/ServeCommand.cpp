@@ -30,6 +30,36 @@ std::string requestLine(const receiver::RequestRecord& record) {
            (record.accepted ? " accepted" : "") + " md5=" + record.md5Hex + " " + time;
 }
 
+CLI::App* addServeCommand(CLI::App& app, ServeOptions& options) {
+    CLI::App* command = app.add_subcommand(
+        "serve", "Run the local receiver on 127.0.0.1 until Ctrl-C, printing one line per request");
+    command->add_option("-p,--port", options.port, "Port to listen on (0: any free port)")
+        ->type_name("PORT")
+        ->capture_default_str();
+    command
+        ->add_option("--dir", options.directory,
+                     "Assemble uploaded files in this directory (default: only hash them)")
+        ->type_name("DIR");
+    command
+        ->add_option_function<std::string>(
+            "--checksum",
+            [&options](const std::string& mode) {
+                options.checksumMode = mode == "etag" ? receiver::ChecksumMode::eTag
+                                                      : receiver::ChecksumMode::contentMD5;
+            },
+            "Header that carries the body's MD5: content-md5 (base64) or etag (hex)")
+        ->check(CLI::IsMember({"content-md5", "etag"}))
+        ->type_name("MODE")
+        ->default_str("content-md5");
+
+    command->footer(
+        "Example:\n"
+        "  pellorin serve --port 8080 --dir /tmp/received\n"
+        "\nEach request prints one line: method, target, part=, retry=, bytes=, status=,\n"
+        "'accepted' when the checksum was answered, md5= and the time taken.\n");
+    return command;
+}
+
 int runServe(const ServeOptions& options) {
     receiver::ReceiverOptions receiverOptions;
     receiverOptions.port = options.port;

@@ -5,6 +5,8 @@
 #include <cstdint>
 #include <string>
 
+#include <CLI/CLI.hpp>
+
 #include "receiver/Receiver.h"
 
 namespace pellorin::host {
@@ -18,6 +20,9 @@ struct ServeOptions {
 // One line for a request: method, target, part number, retry count, body bytes, status, whether
 // it was accepted, and how long it took.
 std::string requestLine(const receiver::RequestRecord& record);
+
+// Declares the sub-command and its options, filling `options` when parsed.
+CLI::App* addServeCommand(CLI::App& app, ServeOptions& options);
 
 // Serves until a signal arrives; returns 0. Throws InputError when the directory does not exist,
 // std::runtime_error when the port cannot be bound. Host thread.

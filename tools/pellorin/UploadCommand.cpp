@@ -24,6 +24,24 @@ namespace pellorin::host {
 
 namespace {
 
+// A size option ("8MiB"), checked when the command line is parsed.
+CLI::Option* addSizeOption(CLI::App& command, const std::string& name, uint64_t& target,
+                           const std::string& description) {
+    return command
+        .add_option_function<std::string>(
+            name,
+            [&target, name](const std::string& text) {
+                const auto size = parseByteSize(text);
+                if (!size) {
+                    throw CLI::ValidationError(
+                        name, "not a size: \"" + text + "\" (write e.g. 4096, 512KiB, 8MiB, 1GiB)");
+                }
+                target = *size;
+            },
+            description)
+        ->type_name("SIZE");
+}
+
 // What the signal watcher cancels: nothing until the client exists, then the client.
 class Cancellation {
   public:
@@ -136,6 +154,70 @@ int transfer(const UploadOptions& options, const std::vector<PlannedPart>& parts
 }
 
 }  // namespace
+
+CLI::App* addUploadCommand(CLI::App& app, UploadOptions& options) {
+    CLI::App* command = app.add_subcommand(
+        "upload",
+        "Upload the parts of a reservation file, or upload FILE (a generated file when none is "
+        "given) to a local receiver run inside pellorin and check the copy");
+    auto* fileOption =
+        command->add_option("FILE", options.file, "File to upload to the embedded receiver")
+            ->type_name("FILE");
+    auto* reservationOption =
+        command
+            ->add_option(
+                "-r,--reservation", options.reservation,
+                "Reservation file (JSON array of {filePath, operation}) whose parts to upload")
+            ->type_name("FILE");
+    command->add_option("-c,--max-connections", options.maxConnections, "Parts in flight at once")
+        ->type_name("N")
+        ->check(CLI::Range(1u, 255u))
+        ->capture_default_str();
+    command->add_option("--max-retries", options.maxRetries, "Retries per part")
+        ->type_name("N")
+        ->check(CLI::Range(0u, 255u))
+        ->capture_default_str();
+    command
+        ->add_option_function<uint64_t>(
+            "--rate-limit", [&](uint64_t value) { options.rateLimit = value; },
+            "Bandwidth cap in KB/s (1000 bytes per second); none by default")
+        ->check(CLI::Range(uint64_t{1}, UINT64_MAX / 1000))
+        ->type_name("KBPS");
+    command
+        ->add_option("--journal", options.journal,
+                     "Record completed parts in this file and skip them when run again")
+        ->type_name("FILE");
+    command
+        ->add_option("--events", options.events,
+                     "Write every event as a line of JSON to this file ('-': standard "
+                     "output)")
+        ->type_name("FILE");
+    auto* partSizeOption = addSizeOption(*command, "--part-size", options.partSize,
+                                         "Embedded default: bytes per part [8MiB]");
+    auto* demoSizeOption = addSizeOption(*command, "--demo-size", options.demoSize,
+                                         "Embedded default without FILE: size of the generated "
+                                         "file [256MiB]");
+    auto* dirOption = command
+                          ->add_option("--dir", options.directory,
+                                       "Embedded default: assemble the copy in this directory "
+                                       "(kept) instead of a temporary one")
+                          ->type_name("DIR");
+    reservationOption->excludes(fileOption)
+        ->excludes(partSizeOption)
+        ->excludes(demoSizeOption)
+        ->excludes(dirOption);
+    demoSizeOption->excludes(fileOption);
+
+    command->footer(
+        "Examples:\n"
+        "  pellorin upload --demo-size 1GiB\n"
+        "  pellorin upload big.iso --journal big.journal --rate-limit 50000\n"
+        "  pellorin upload -r reservation.json --max-connections 8 --events events.log\n"
+        "\nCtrl-C cancels cleanly; with --journal, running the same command again resumes.\n"
+        "Exit status: 0 when every part was uploaded (and the copy agrees), 1 when a part failed,\n"
+        "2 for bad input.\n");
+    return command;
+}
 
 int runUpload(const UploadOptions& options, const std::shared_ptr<StatusLine>& line) {
     if (options.maxConnections < 1 || options.maxConnections > 255) {

@@ -8,6 +8,8 @@
 #include <optional>
 #include <string>
 
+#include <CLI/CLI.hpp>
+
 #include "StatusLine.h"
 
 namespace pellorin::host {
@@ -24,6 +26,9 @@ struct UploadOptions {
     std::string events;                 // --events: a file, "-" or empty for none
     std::string journal;                // empty for none
 };
+
+// Declares the sub-command and its options, filling `options` when parsed.
+CLI::App* addUploadCommand(CLI::App& app, UploadOptions& options);
 
 // Runs the upload on the host thread and returns the exit status: the client's 0 or 1 (1 too
 // when the embedded default's copy differs from the source), or 130 when interrupted before or
