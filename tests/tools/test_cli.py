@@ -207,7 +207,7 @@ class Uploads(unittest.TestCase):
 
                 result = run("upload", "-r", "r.json", "--journal", journal, cwd=d)
                 self.assertEqual(result.returncode, 0, result.stderr)
-                self.assertIn(f"{done} parts were already done", result.stdout)
+                self.assertIn(f"{done} parts already done before", result.stdout)
             finally:
                 self.assertEqual(server.stop(), 0)
             accepted = [int(re.search(r"part=(\d+)", line).group(1))

@@ -111,14 +111,18 @@ std::string transferSummary(const MetricsMessage& metrics, uint64_t skippedParts
     const double rate = seconds > 0 ? static_cast<double>(metrics.bytesSent()) / seconds : 0;
     char time[32];
     std::snprintf(time, sizeof time, "%.1f s", seconds);
-    std::string text = "Sent " + std::to_string(metrics.partsSent()) + " of " +
-                       std::to_string(metrics.totalPartsRequested()) + " parts (" +
-                       formatBytes(metrics.bytesSent()) + ") in " + time + " at " +
-                       formatRate(rate) + "; " + std::to_string(metrics.failureCount()) +
-                       " failed, " + std::to_string(metrics.retryCount()) + " retries, " +
-                       formatBytes(metrics.bytesLost()) + " sent again";
+    std::string text =
+        "Sent " + std::to_string(metrics.partsSent()) + " of " +
+        countOf(static_cast<uint64_t>(metrics.totalPartsRequested()), "part") + " (" +
+        formatBytes(metrics.bytesSent()) + ") in " + time + " at " + formatRate(rate) + "; " +
+        std::to_string(metrics.failureCount()) + " failed, " +
+        (metrics.retryCount() == 1 ? std::string("1 retry")
+                                   : std::to_string(metrics.retryCount()) + " retries");
+    if (metrics.bytesLost() > 0) {
+        text += " (" + formatBytes(metrics.bytesLost()) + " lost to failed attempts)";
+    }
     if (skippedParts > 0) {
-        text += "; " + std::to_string(skippedParts) + " parts were already done";
+        text += "; " + countOf(skippedParts, "part") + " already done before";
     }
     return text;
 }

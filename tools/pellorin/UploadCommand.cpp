@@ -275,8 +275,10 @@ int runUpload(const UploadOptions& options, const std::shared_ptr<StatusLine>& l
                         sourceHash.c_str(), source.c_str(), copyHash.c_str());
             return 1;
         }
-        std::printf("Checksums agree: SHA-256 %s of %s and of the received copy %s\n",
-                    sourceHash.c_str(), source.c_str(), target.copyOf(source).c_str());
+        const std::string kept =
+            options.directory.empty() ? "" : " " + target.copyOf(source).string();
+        std::printf("Checksums agree: SHA-256 %s of %s and of the received copy%s\n",
+                    sourceHash.c_str(), source.c_str(), kept.c_str());
         return 0;
     } catch (const Interrupted&) {
         line->print("pellorin: interrupted");
