@@ -11,9 +11,11 @@ import pty
 import re
 import select
 import signal
+import socket
 import subprocess
 import sys
 import tempfile
+import threading
 import time
 import unittest
 
@@ -214,6 +216,40 @@ class Uploads(unittest.TestCase):
                         for line in server.lines if line.endswith(" s") and " accepted " in line]
             self.assertEqual(sorted(accepted), list(range(1, len(plan) + 1)))
             self.assertEqual(sha256(os.path.join(received, "copy.bin")), sha256(source))
+
+    def test_unreachable_and_garbage_servers_fail_the_parts_without_hanging(self):
+        listener = socket.socket()
+        listener.bind(("127.0.0.1", 0))
+        listener.listen()
+        closed = socket.socket()
+        closed.bind(("127.0.0.1", 0))  # bound but not listening: connections are refused
+
+        def answer_garbage():
+            while True:
+                try:
+                    connection, _ = listener.accept()
+                except OSError:
+                    return
+                with connection:
+                    connection.recv(65536)
+                    connection.sendall(b"this is not HTTP\r\n\r\n")
+
+        threading.Thread(target=answer_garbage, daemon=True).start()
+        try:
+            with tempfile.TemporaryDirectory() as d:
+                source = make_file(os.path.join(d, "a.bin"), 4096)
+                for port in (closed.getsockname()[1], listener.getsockname()[1]):
+                    reservation(os.path.join(d, "r.json"), source, 4096, 2048,
+                                lambda o: f"http://127.0.0.1:{port}/upload/a?offset={o}")
+                    result = run("upload", "-r", "r.json", "--max-retries", "1", cwd=d)
+                    self.assertEqual(result.returncode, 1, result.stderr)
+                    failures = [line for line in result.stderr.splitlines()
+                                if re.match(r"pellorin: part [12] of .* failed: .+", line)]
+                    self.assertEqual(len(failures), 2, result.stderr)
+                    self.assertIn("0 of 2 parts", result.stdout)
+        finally:
+            listener.close()
+            closed.close()
 
     def test_progress_line_in_a_terminal_ends_at_100_percent(self):
         with tempfile.TemporaryDirectory() as d:

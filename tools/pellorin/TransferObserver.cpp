@@ -7,6 +7,22 @@
 
 namespace pellorin::host {
 
+namespace {
+
+// An error's message, with the transport's own text when it carries one.
+std::string describe(const ErrorMessage& error) {
+    std::string text = error.message();
+    if (error.userInfo()) {
+        const auto underlying = error.userInfo()->find("underlyingErrorText");
+        if (underlying != error.userInfo()->end()) {
+            text += " (" + underlying->second + ")";
+        }
+    }
+    return text;
+}
+
+}  // namespace
+
 TransferObserver::TransferObserver(const std::vector<PlannedPart>& parts,
                                    ProgressCounters& counters, std::shared_ptr<StatusLine> line,
                                    Journal* journal)
@@ -92,7 +108,11 @@ void TransferObserver::pellorinClientPartDidFail(
         return;
     }
     const auto& errors = message->errors();
-    const std::string reason = errors.empty() ? "no error recorded" : errors.back()->message();
+    std::string reason = errors.empty() ? "no error recorded" : describe(*errors.back());
+    // The last error often only says that the retries ran out; the one before says why.
+    if (errors.size() >= 2 && errors[errors.size() - 2]->message() != errors.back()->message()) {
+        reason += "; last cause: " + describe(*errors[errors.size() - 2]);
+    }
     line_->print("pellorin: part " + std::to_string(message->partNumber()) + " of " +
                  message->path() + " failed: " + reason);
 }
