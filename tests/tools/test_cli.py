@@ -24,7 +24,9 @@ LIMIT = 30  # seconds any one command may take
 
 
 def run(*args, cwd=None):
-    return subprocess.run([BINARY, *args], capture_output=True, text=True, timeout=LIMIT, cwd=cwd)
+    environment = {k: v for k, v in os.environ.items() if k != "PELLORIN_PASSWORD"}
+    return subprocess.run([BINARY, *args], capture_output=True, text=True, timeout=LIMIT, cwd=cwd,
+                          env=environment)
 
 
 def sha256(path):
@@ -136,6 +138,14 @@ class HelpAndBadInput(unittest.TestCase):
                 (["upload", "--events", os.path.join(d, "no", "events"), data],
                  "cannot write events"),
                 (["serve", "--dir", os.path.join(d, "missing")], "not a directory"),
+                (["reserve", data, "--user", "me"], "no password: set PELLORIN_PASSWORD"),
+                (["reserve", data, "--user", "me", "--password-file", write("empty", "")],
+                 "password file"),
+                (["reserve", os.path.join(d, "gone"), "--user", "me", "--password-file",
+                  write("pw", "secret\n")], "cannot read"),
+                (["reserve", data, "--user", "me", "--password-file", write("pw2", "s\n"),
+                  "--endpoint", "ftp://h/"], "--endpoint: not an http or https URL"),
+                (["reserve", data, "--user", "me", "--password", "s"], "--password"),
                 (["serve", "--checksum", "sha1"], "--checksum"),
                 (["frobnicate"], "frobnicate"),
                 ([], "subcommand"),
@@ -250,6 +260,33 @@ class Uploads(unittest.TestCase):
         finally:
             listener.close()
             closed.close()
+
+    def test_reservation_from_serve_uploads_back_to_it(self):
+        with tempfile.TemporaryDirectory() as d:
+            received = os.path.join(d, "received")
+            os.mkdir(received)
+            source = make_file(os.path.join(d, "movie.bin"), 1024 * 1024 + 3)
+            with open(os.path.join(d, "pw"), "w") as f:
+                f.write("not-on-the-command-line\n")
+            server = Server(received)
+            try:
+                result = run("reserve", "movie.bin", "--user", "me", "--password-file", "pw",
+                             "--endpoint", server.base, "-o", "r.json", cwd=d)
+                self.assertEqual(result.returncode, 0, result.stderr)
+                self.assertIn("Reserved 1 part of movie.bin in r.json", result.stdout)
+                with open(os.path.join(d, "r.json")) as f:
+                    self.assertEqual(json.load(f)[0]["filePath"], "movie.bin")
+                result = run("upload", "-r", "r.json", cwd=d)
+                self.assertEqual(result.returncode, 0, result.stderr)
+            finally:
+                self.assertEqual(server.stop(), 0)
+            self.assertEqual(sha256(os.path.join(received, "movie.bin")), sha256(source))
+            self.assertTrue(any(line.startswith("POST /Servlane/") for line in server.lines))
+
+            refused = run("reserve", source, "--user", "me", "--password-file",
+                          os.path.join(d, "pw"), "--endpoint", server.base)
+            self.assertEqual(refused.returncode, 1)
+            self.assertIn("cannot reach 127.0.0.1", refused.stderr)
 
     def test_progress_line_in_a_terminal_ends_at_100_percent(self):
         with tempfile.TemporaryDirectory() as d:
