@@ -227,6 +227,10 @@ void Receiver::setFaultScript(FaultScript script) {
     impl_->log().setFaultScript(std::move(script));
 }
 
+void Receiver::setRequestObserver(RequestObserver observer) {
+    impl_->log().setObserver(std::move(observer));
+}
+
 std::vector<RequestRecord> Receiver::requests() const {
     return impl_->log().snapshot();
 }

@@ -103,6 +103,9 @@ struct ReceiverOptions {
 class Receiver {
   public:
     using FaultScript = std::function<std::optional<Fault>(const RequestInfo&)>;
+    // Told about every request once its record is final, on the connection's thread, before the
+    // answer goes out (or after the connection was dropped). Keep it short: the answer waits.
+    using RequestObserver = std::function<void(const RequestRecord&)>;
 
     explicit Receiver(ReceiverOptions options = {});
     ~Receiver();  // stops
@@ -127,6 +130,8 @@ class Receiver {
     // Replaces the fault script; called once per request. Requests already being served keep the
     // fault they were given.
     void setFaultScript(FaultScript script);
+    // Replaces the observer; requests completing afterwards are reported to the new one.
+    void setRequestObserver(RequestObserver observer);
 
     std::vector<RequestRecord> requests() const;  // snapshot, in arrival order
     // High-water mark of requests being served at once: from the end of a request's head to the

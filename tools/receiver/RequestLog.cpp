@@ -12,11 +12,18 @@ RequestLog::Visit::~Visit() {
 }
 
 void RequestLog::Visit::complete(RequestRecord record) {
-    std::lock_guard lock(log_.mutex_);
-    *slot_ = std::move(record);
-    if (serving_) {
-        --log_.serving_;
-        serving_ = false;
+    Receiver::RequestObserver observer;
+    {
+        std::lock_guard lock(log_.mutex_);
+        *slot_ = record;
+        if (serving_) {
+            --log_.serving_;
+            serving_ = false;
+        }
+        observer = log_.observer_;
+    }
+    if (observer) {
+        observer(record);
     }
 }
 
@@ -38,6 +45,11 @@ void RequestLog::setFaultScript(Receiver::FaultScript script) {
 Receiver::FaultScript RequestLog::faultScript() const {
     std::lock_guard lock(mutex_);
     return script_;
+}
+
+void RequestLog::setObserver(Receiver::RequestObserver observer) {
+    std::lock_guard lock(mutex_);
+    observer_ = std::move(observer);
 }
 
 std::vector<RequestRecord> RequestLog::snapshot() const {

@@ -1,7 +1,7 @@
 // What the receiver remembers about its requests: the records in arrival order, the attempt count
 // per (path, part number), the number of requests being served and its high-water mark, and the
-// fault script. Every function takes one mutex and may be called from any thread; the script is
-// copied out under the mutex and run by the caller, never under it.
+// fault script and observer. Every function takes one mutex and may be called from any thread; the
+// script and the observer are copied out under the mutex and run outside it.
 #pragma once
 
 #include <map>
@@ -28,9 +28,9 @@ class RequestLog {
         Visit& operator=(const Visit&) = delete;
 
         uint32_t attempt() const { return attempt_; }
-        // Replaces the request's record with its final state and ends its count as being
-        // served. Call before answering, so that a client holding its answer finds the record
-        // complete.
+        // Replaces the request's record with its final state, ends its count as being served and
+        // tells the observer. Call before answering, so that a client holding its answer finds
+        // the record complete.
         void complete(RequestRecord record);
 
       private:
@@ -49,6 +49,7 @@ class RequestLog {
 
     void setFaultScript(Receiver::FaultScript script);
     Receiver::FaultScript faultScript() const;
+    void setObserver(Receiver::RequestObserver observer);
 
     std::vector<RequestRecord> snapshot() const;
     int maxConcurrent() const;
@@ -58,9 +59,10 @@ class RequestLog {
     mutable std::mutex mutex_;
     std::vector<std::shared_ptr<RequestRecord>> records_;  // guarded by mutex_
     std::map<std::pair<std::string, std::optional<uint64_t>>, uint32_t> attempts_;  // mutex_
-    int serving_ = 0;               // guarded by mutex_
-    int maxServing_ = 0;            // guarded by mutex_
-    Receiver::FaultScript script_;  // guarded by mutex_
+    int serving_ = 0;                     // guarded by mutex_
+    int maxServing_ = 0;                  // guarded by mutex_
+    Receiver::FaultScript script_;        // guarded by mutex_
+    Receiver::RequestObserver observer_;  // guarded by mutex_
 };
 
 }  // namespace pellorin::receiver

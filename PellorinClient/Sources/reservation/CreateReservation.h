@@ -1,6 +1,6 @@
-// The pieces of createTestReservationFile (declared in <pellorin/Reservation.h>): the time stamp
-// and endpoint texts, the description of the local file, the call against a given endpoint, and
-// the handling of the service's answer.
+// The pieces of createTestReservationFile (declared in <pellorin/Reservation.h>, and against a
+// given endpoint in <pellorin/TestReservation.h>): the time stamp, the description of the local
+// file, and the handling of the service's answer.
 //
 // Threads: createTestReservationFile and describeFileForReservation run on the caller's thread,
 // which createTestReservationFile blocks; handleReservationAnswer runs on the shared HTTP
@@ -8,6 +8,7 @@
 #pragma once
 
 #include <pellorin/Reservation.h>
+#include <pellorin/TestReservation.h>
 #include <pellorin/Url.h>
 
 #include <cstdint>
@@ -26,27 +27,11 @@ std::string reservationTimestamp(const std::tm& time);
 // "http-transport-test" + the stamp + ".qeldp".
 std::string reservationPackageName(const std::string& timestamp);
 
-// The path of the service's JSON-RPC endpoint, on every instance.
-inline constexpr std::string_view kReservationServicePath =
-    "/Servlane/KvLabelService.svl/json/KvTarnProducerService";
-
-// The JSON-RPC endpoint of service instance `qeld`, its number written in decimal into the host
-// name: "https://kvtarn<qeld>-reserve.pellorin.net/Servlane/KvLabelService.svl/json/
-// KvTarnProducerService".
-std::string reservationEndpointText(uint8_t qeld);
-
 // The file as the service is told of it: last path component, size from its attributes, SHA-256
 // of its bytes read through a shared file and a part stream in reads of up to 8192 bytes,
 // "SHA-256", "application/octet-stream", "public.data". Fatal stop when the attributes cannot be
 // read or the file cannot be opened; throws PellorinError (kind error) when a read fails.
 FileDescription describeFileForReservation(const std::string& filePath);
-
-// createTestReservationFile against `endpoint` instead of a service instance's fixed address
-// (tests and tools point it at a local receiver). Same behaviour otherwise, the blocking for ever
-// on an answer without body included.
-void createTestReservationFile(const std::string& reservationFile, const std::string& filePath,
-                               const std::string& username, const std::string& password,
-                               const std::optional<std::string>& provider, const Url& endpoint);
 
 // Handles the service's answer body. Without a body, does nothing at all and returns false: the
 // caller must then never be released. Otherwise decodes the answer, pairs every operation of every

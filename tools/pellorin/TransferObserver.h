@@ -1,0 +1,83 @@
+// TransferObserver: the host's own delegate. It keeps the progress counters, appends every
+// completed part to the journal, prints a line for every part that fails for good, and keeps the
+// final metrics for the summary.
+//
+// Registered without a queue, so every method runs on the client's delegate queue, one at a time:
+// its maps need no lock. The counters, status line and journal must outlive the transfer.
+#pragma once
+
+#include <atomic>
+#include <cstdint>
+#include <map>
+#include <memory>
+#include <mutex>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include <pellorin/PellorinClientDelegate.h>
+
+#include "Journal.h"
+#include "PartPlan.h"
+#include "ProgressLine.h"
+#include "StatusLine.h"
+
+namespace pellorin::host {
+
+class TransferObserver : public PellorinClientDelegate {
+  public:
+    // `parts`: the parts submitted in this run. `journal` may be null.
+    TransferObserver(const std::vector<PlannedPart>& parts, ProgressCounters& counters,
+                     std::shared_ptr<StatusLine> line, Journal* journal);
+
+    // From now on, failures are expected (the user cancelled) and are not printed one by one.
+    // Any thread.
+    void noteCancelled() { cancelled_ = true; }
+    bool cancelled() const { return cancelled_; }
+
+    // The final metrics, once the client has sent them; null before (or when nothing ran).
+    // Read after waitUntilFinished has returned.
+    std::shared_ptr<const MetricsMessage> metrics() const;
+
+    void pellorinClientLogMessage(PellorinClient& client,
+                                  const std::shared_ptr<const LoggingMessage>& message) override;
+    void pellorinClientDidStartPart(
+        PellorinClient& client, const std::shared_ptr<const PartStartedMessage>& message) override;
+    void pellorinClientDidReceivePartProgress(
+        PellorinClient& client, const std::shared_ptr<const PartProgressMessage>& message) override;
+    void pellorinClientWillRetryPart(
+        PellorinClient& client, const std::shared_ptr<const PartRetryMessage>& message) override;
+    void pellorinClientPartDidComplete(
+        PellorinClient& client, const std::shared_ptr<const PartCompleteMessage>& message) override;
+    void pellorinClientPartDidFail(
+        PellorinClient& client, const std::shared_ptr<const PartFailureMessage>& message) override;
+    void pellorinClientDidReceiveFileProgress(
+        PellorinClient& client, const std::shared_ptr<const FileProgressMessage>& message) override;
+    void pellorinClientDidFinishWithStatus(
+        PellorinClient& client, int32_t status,
+        const std::shared_ptr<const MetricsMessage>& metrics) override;
+
+  private:
+    using PartId = std::pair<std::string, uint64_t>;  // (path, part number)
+    struct PartState {
+        PartKey key;
+        uint64_t attemptBytes = 0;  // sent by the current attempt
+    };
+    // Takes the part's current attempt back out of doneBytes; the part's state, or null.
+    PartState* resetAttempt(const std::string& path, uint64_t partNumber);
+
+    ProgressCounters& counters_;
+    std::shared_ptr<StatusLine> line_;
+    Journal* journal_;
+    std::map<PartId, PartState> parts_;  // delegate queue only
+    bool journalFailed_ = false;         // delegate queue only
+    std::atomic<bool> cancelled_{false};
+    mutable std::mutex metricsMutex_;
+    std::shared_ptr<const MetricsMessage> metrics_;  // guarded by metricsMutex_
+};
+
+// The one-line summary of a finished transfer: parts and bytes done, how long it took and how
+// fast, failures, retries and bytes sent again, and the parts the journal let it skip.
+std::string transferSummary(const MetricsMessage& metrics, uint64_t skippedParts);
+
+}  // namespace pellorin::host
