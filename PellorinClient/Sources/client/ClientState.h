@@ -104,6 +104,10 @@ void startUpload(PellorinClient& client, const std::shared_ptr<FilePartRequest>&
 void failPart(PellorinClient& client, const std::shared_ptr<FilePartRequest>& partRequest,
               const PellorinError& error);
 
+// Fails every waiting part with cancelledByUser, in queue order. Requires `cancelled` (a fatal
+// stop otherwise). delegateQueue only.
+void clearWaitQueue(PellorinClient& client);
+
 // Puts a part back into the wait queue after a retryable ending, or fails it when its retry
 // budget is spent. delegateQueue only.
 void requeuePartRequest(PellorinClient& client, const std::shared_ptr<FilePartRequest>& request,

@@ -74,6 +74,14 @@ void requeuePartRequest(PellorinClient& client, const std::shared_ptr<FilePartRe
     // The wait orders the queue; the scheduling loop does not hold the part back for it.
     const auto notBefore = afterSecs ? timeAfter(*afterSecs) : std::chrono::system_clock::now();
     enqueue(client, notBefore, request);
+    // A cancelled client schedules nothing more and has already emptied its wait queue: a part
+    // re-queued now (a network error that ended its attempt just before the cancellation
+    // reached it) would never start, and waitUntilFinished would never return. It fails as
+    // cancelled instead, like every part that was waiting when the cancellation came.
+    if (state.cancelled.load()) {
+        clearWaitQueue(client);
+        return;
+    }
     submitProcessWaitQueue(client);
 }
 
