@@ -6,9 +6,9 @@
 // carry the same, present dictionary. Built and run by bench/fuzz; its corpus is replayed by
 // CTest.
 //
-// Library sources: PellorinClient/Sources/datapath/FilePartRequest.cpp
-// PellorinClient/Platform/Url.cpp PellorinClient/Platform/PlatformError.cpp
-// PellorinClient/Sources/client/PellorinError.cpp
+// clang-format off
+// Library sources: PellorinClient/Sources/datapath/FilePartRequest.cpp PellorinClient/Platform/Url.cpp PellorinClient/Platform/PlatformError.cpp PellorinClient/Sources/client/PellorinError.cpp
+// clang-format on
 #include <pellorin/FilePartRequest.h>
 
 #include <cstdint>
