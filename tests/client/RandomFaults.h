@@ -7,6 +7,7 @@
 
 #include <cstdint>
 #include <map>
+#include <memory>
 #include <mutex>
 #include <optional>
 #include <random>
@@ -30,92 +31,101 @@ class RandomFaults {
     // number of body bytes below `partLength`.
     RandomFaults(uint64_t seed, unsigned percent, double stallSecs, uint64_t partLength,
                  uint32_t faultyAttempts = 10)
-        : seed_(seed),
-          percent_(percent),
-          stallSecs_(stallSecs),
-          partLength_(partLength),
-          faultyAttempts_(faultyAttempts) {}
+        : plan_(std::make_shared<Plan>(seed, percent, stallSecs, partLength, faultyAttempts)) {}
 
-    // The fault script for Receiver::setFaultScript. The RandomFaults must outlive the receiver.
-    receiver::Receiver::FaultScript script() {
-        return [this](const receiver::RequestInfo& info) { return decide(info); };
+    // The fault script for Receiver::setFaultScript. It shares the plan, so it may outlive this
+    // object (connections still being served when a test ends ask it too).
+    receiver::Receiver::FaultScript script() const {
+        return [plan = plan_](const receiver::RequestInfo& info) { return plan->decide(info); };
     }
 
     // What the given attempt (0-based) of the given part was told to do; none when it was not
     // asked about or ran normally.
     InjectedFault injected(uint64_t part, uint32_t attempt) const {
-        std::lock_guard lock(mutex_);
-        const auto found = injected_.find({part, attempt});
-        return found == injected_.end() ? InjectedFault{} : found->second;
+        std::lock_guard lock(plan_->mutex);
+        const auto found = plan_->injected.find({part, attempt});
+        return found == plan_->injected.end() ? InjectedFault{} : found->second;
     }
 
     std::map<FaultKind, uint64_t> countsByKind() const {
-        std::lock_guard lock(mutex_);
+        std::lock_guard lock(plan_->mutex);
         std::map<FaultKind, uint64_t> counts;
-        for (const auto& [key, fault] : injected_) {
+        for (const auto& [key, fault] : plan_->injected) {
             ++counts[fault.kind];
         }
         return counts;
     }
 
     uint64_t total() const {
-        std::lock_guard lock(mutex_);
-        return injected_.size();
+        std::lock_guard lock(plan_->mutex);
+        return plan_->injected.size();
     }
 
   private:
-    std::optional<receiver::Fault> decide(const receiver::RequestInfo& info) {
-        const uint64_t part = info.partNumber.value_or(0);
-        if (info.attempt >= faultyAttempts_) {
-            return std::nullopt;
-        }
-        std::mt19937_64 generator(seed_ ^ (part * 0x9e3779b97f4a7c15ULL) ^
-                                  (uint64_t{info.attempt} * 0xc2b2ae3d27d4eb4fULL));
-        const unsigned roll = std::uniform_int_distribution<unsigned>(0, 99)(generator);
-        if (roll >= percent_) {
-            return std::nullopt;
-        }
-        InjectedFault injected;
-        receiver::Fault fault;
-        switch (roll % 5) {
-            case 0:
-                injected.kind = FaultKind::serverError;
-                fault.status = 500;
-                break;
-            case 1:
-                injected.kind = FaultKind::tooManyRequests;
-                fault.status = 429;
-                fault.retryAfter = "0";
-                break;
-            case 2:
-                injected.kind = FaultKind::dropped;
-                injected.dropAfter =
-                    std::uniform_int_distribution<uint64_t>(0, partLength_ - 1)(generator);
-                fault.closeAfterBodyBytes = injected.dropAfter;
-                break;
-            case 3:
-                injected.kind = FaultKind::stalled;
-                fault.stallSecs = stallSecs_;
-                // Never answered: a body the client sent before giving up is not accepted late.
-                fault.closeAfterBodyBytes = 0;
-                break;
-            default:
-                injected.kind = FaultKind::wrongChecksum;
-                fault.wrongChecksum = true;
-                break;
-        }
-        std::lock_guard lock(mutex_);
-        injected_[{part, info.attempt}] = injected;
-        return fault;
-    }
+    struct Plan {
+        Plan(uint64_t seed, unsigned percent, double stallSecs, uint64_t partLength,
+             uint32_t faultyAttempts)
+            : seed(seed),
+              percent(percent),
+              stallSecs(stallSecs),
+              partLength(partLength),
+              faultyAttempts(faultyAttempts) {}
 
-    const uint64_t seed_;
-    const unsigned percent_;
-    const double stallSecs_;
-    const uint64_t partLength_;
-    const uint32_t faultyAttempts_;
-    mutable std::mutex mutex_;
-    std::map<std::pair<uint64_t, uint32_t>, InjectedFault> injected_;  // guarded by mutex_
+        std::optional<receiver::Fault> decide(const receiver::RequestInfo& info) {
+            const uint64_t part = info.partNumber.value_or(0);
+            if (info.attempt >= faultyAttempts) {
+                return std::nullopt;
+            }
+            std::mt19937_64 generator(seed ^ (part * 0x9e3779b97f4a7c15ULL) ^
+                                      (uint64_t{info.attempt} * 0xc2b2ae3d27d4eb4fULL));
+            const unsigned roll = std::uniform_int_distribution<unsigned>(0, 99)(generator);
+            if (roll >= percent) {
+                return std::nullopt;
+            }
+            InjectedFault chosen;
+            receiver::Fault fault;
+            switch (roll % 5) {
+                case 0:
+                    chosen.kind = FaultKind::serverError;
+                    fault.status = 500;
+                    break;
+                case 1:
+                    chosen.kind = FaultKind::tooManyRequests;
+                    fault.status = 429;
+                    fault.retryAfter = "0";
+                    break;
+                case 2:
+                    chosen.kind = FaultKind::dropped;
+                    chosen.dropAfter =
+                        std::uniform_int_distribution<uint64_t>(0, partLength - 1)(generator);
+                    fault.closeAfterBodyBytes = chosen.dropAfter;
+                    break;
+                case 3:
+                    chosen.kind = FaultKind::stalled;
+                    fault.stallSecs = stallSecs;
+                    // Never answered: a body the client sent before giving up is not accepted late.
+                    fault.closeAfterBodyBytes = 0;
+                    break;
+                default:
+                    chosen.kind = FaultKind::wrongChecksum;
+                    fault.wrongChecksum = true;
+                    break;
+            }
+            std::lock_guard lock(mutex);
+            injected[{part, info.attempt}] = chosen;
+            return fault;
+        }
+
+        const uint64_t seed;
+        const unsigned percent;
+        const double stallSecs;
+        const uint64_t partLength;
+        const uint32_t faultyAttempts;
+        std::mutex mutex;
+        std::map<std::pair<uint64_t, uint32_t>, InjectedFault> injected;  // guarded by mutex
+    };
+
+    std::shared_ptr<Plan> plan_;
 };
 
 }  // namespace pellorin::testing
