@@ -4,13 +4,13 @@
 
 #include <atomic>
 #include <cstdio>
-#include <cstdlib>
 #include <map>
 #include <random>
 #include <thread>
 
 #include "Platform/UrlError.h"
 #include "RandomFaults.h"
+#include "TestSize.h"
 #include "TransferFixture.h"
 
 namespace pellorin::testing {
@@ -79,8 +79,7 @@ TEST(CancelUnderLoad, APartRetriedAfterTheCancellationFailsInsteadOfWaitingForev
 TEST(CancelUnderLoad, RandomCancellationsAlwaysEndWithEveryPartReportedOnce) {
     constexpr uint64_t kPart = 8 * 1024;
     constexpr uint64_t kParts = 48;
-    const char* runsText = std::getenv("PELLORIN_CANCEL_RUNS");
-    const int runs = runsText && *runsText ? std::atoi(runsText) : 50;
+    const int runs = int(sizeFromEnvironment("PELLORIN_CANCEL_RUNS", 50));
     std::mt19937_64 generator(977);
     int early = 0, midway = 0, late = 0;  // runs cancelled before, during and after the parts
     for (int run = 0; run < runs; ++run) {

@@ -7,12 +7,12 @@
 
 #include <chrono>
 #include <cstdio>
-#include <cstdlib>
 #include <map>
 #include <string>
 
 #include "Platform/UrlError.h"
 #include "RandomFaults.h"
+#include "TestSize.h"
 #include "TransferFixture.h"
 
 namespace pellorin::testing {
@@ -27,13 +27,8 @@ constexpr bool kSanitized = false;
 constexpr uint64_t kPart = 4 * 1024;
 // Sanitized builds run several times slower: fewer parts, and an idle time-out that a healthy
 // exchange never reaches even then.
-constexpr uint64_t kDefaultParts = kSanitized ? 400 : 2000;
+constexpr uint64_t kDefaultParts = kSanitized ? 800 : 2000;
 constexpr double kIdleTimeoutSecs = kSanitized ? 1.5 : 0.5;
-
-uint64_t fromEnvironment(const char* name, uint64_t fallback) {
-    const char* text = std::getenv(name);
-    return text && *text ? std::strtoull(text, nullptr, 10) : fallback;
-}
 
 const char* name(FaultKind kind) {
     switch (kind) {
@@ -54,8 +49,8 @@ const char* name(FaultKind kind) {
 }
 
 TEST(FaultSoak, EveryPartArrivesOnceAndTheCountsMatchTheInjectedFaults) {
-    const uint64_t parts = fromEnvironment("PELLORIN_SOAK_PARTS", kDefaultParts);
-    const uint64_t seed = fromEnvironment("PELLORIN_SOAK_SEED", 20240611);
+    const uint64_t parts = sizeFromEnvironment("PELLORIN_SOAK_PARTS", kDefaultParts);
+    const uint64_t seed = sizeFromEnvironment("PELLORIN_SOAK_SEED", 20240611);
     Transfer t(parts * kPart, 16, 20);
     RandomFaults faults(seed, 25, 2 * kIdleTimeoutSecs, kPart);
     t.receiver->setFaultScript(faults.script());

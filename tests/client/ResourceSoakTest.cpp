@@ -3,8 +3,7 @@
 // checks the heap at exit). PELLORIN_RESOURCE_PARTS changes the total.
 #include <gtest/gtest.h>
 
-#include <cstdlib>
-
+#include "TestSize.h"
 #include "TransferFixture.h"
 #include "support/ProcessResources.h"
 
@@ -14,8 +13,7 @@ namespace {
 TEST(ResourceSoak, TenThousandPartsLeaveNoDescriptorOrThreadBehind) {
     constexpr uint64_t kPart = 64;
     constexpr int kClients = 5;
-    const char* text = std::getenv("PELLORIN_RESOURCE_PARTS");
-    const uint64_t total = text && *text ? std::strtoull(text, nullptr, 10) : 10'000;
+    const uint64_t total = sizeFromEnvironment("PELLORIN_RESOURCE_PARTS", 10'000);
     {
         Transfer warmUp(kPart);
         warmUp.submitParts(kPart);
