@@ -171,7 +171,7 @@ TEST(ClientResources, NoThreadOrDescriptorIsLeftAfterAClientGoesAway) {
         warmUp.submitParts(kPart);
         warmUp.run();
     }  // one-time globals
-    const ProcessResources before = ProcessResources::now();
+    const ProcessResources before = settledResources();
     for (int round = 0; round < 3; ++round) {
         Transfer t(8 * kPart, 4);
         t.submitParts(kPart);

@@ -19,7 +19,7 @@ TEST(ResourceSoak, TenThousandPartsLeaveNoDescriptorOrThreadBehind) {
         warmUp.submitParts(kPart);
         warmUp.run();
     }  // one-time globals: libcurl, OpenSSL, the logging system
-    const ProcessResources before = ProcessResources::now();
+    const ProcessResources before = settledResources();
 
     uint64_t completed = 0;
     for (int client = 0; client < kClients; ++client) {

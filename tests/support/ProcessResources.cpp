@@ -25,6 +25,22 @@ ProcessResources ProcessResources::now() {
     return ProcessResources{entriesIn("/proc/self/task"), entriesIn("/proc/self/fd")};
 }
 
+ProcessResources settledResources(std::chrono::milliseconds limit) {
+    const auto deadline = std::chrono::steady_clock::now() + limit;
+    ProcessResources current = ProcessResources::now();
+    auto stableSince = std::chrono::steady_clock::now();
+    while (std::chrono::steady_clock::now() < deadline &&
+           std::chrono::steady_clock::now() - stableSince < std::chrono::milliseconds(300)) {
+        std::this_thread::sleep_for(std::chrono::milliseconds(20));
+        const ProcessResources next = ProcessResources::now();
+        if (next != current) {
+            current = next;
+            stableSince = std::chrono::steady_clock::now();
+        }
+    }
+    return current;
+}
+
 ProcessResources waitForResources(const ProcessResources& baseline,
                                   std::chrono::milliseconds limit) {
     const auto deadline = std::chrono::steady_clock::now() + limit;

@@ -15,6 +15,11 @@ struct ProcessResources {
     bool operator==(const ProcessResources&) const = default;
 };
 
+// The counts once they have stopped changing (the same for 300 ms, or whatever they are after
+// `limit`): a baseline taken while the threads of earlier work are still on their way out would
+// be too high.
+ProcessResources settledResources(std::chrono::milliseconds limit = std::chrono::seconds(5));
+
 // Threads that were told to stop may take a moment to be gone and to close their sockets: waits
 // up to `limit` for the counts to equal `baseline`, and returns the last counts seen.
 ProcessResources waitForResources(const ProcessResources& baseline,
