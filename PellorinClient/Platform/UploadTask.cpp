@@ -83,7 +83,11 @@ void UploadTask::resume() {
         return;  // the session is gone: nobody would hear of the outcome
     }
     state_ = State::running;
+    // Counted before it starts: once it has reported its outcome, the whole transfer may end and
+    // the process exit while this thread is still on its way out.
+    workerThreads::countWorkerFromStart();
     thread_ = std::thread([self = shared_from_this(), session = std::move(session)]() mutable {
+        workerThreads::workerCountedFromStart();
         self->run(session);
         // The session goes first: while the task is held here, nothing can be joining this
         // thread from the session's delegate queue.

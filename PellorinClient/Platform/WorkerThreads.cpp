@@ -12,7 +12,7 @@ namespace pellorin::workerThreads {
 
 namespace {
 
-thread_local bool currentThreadDetached = false;
+thread_local bool currentThreadCounted = false;  // counted in DetachedThreads::running
 
 struct DetachedThreads {
     std::mutex mutex;
@@ -24,6 +24,9 @@ struct DetachedThreads {
 DetachedThreads& detachedThreads() {
     static DetachedThreads* const instance = [] {
         DetachedThreads* threads = std::make_unique<DetachedThreads>().release();
+        // The crypto library registers its own clean-up at exit when it is first initialised;
+        // initialising it first puts that clean-up after the wait below (handlers run in reverse).
+        OPENSSL_init_crypto(0, nullptr);
         // Runs before sanitizers' own exit checks, which were registered earlier.
         std::atexit([] {
             DetachedThreads& t = detachedThreads();
@@ -38,17 +41,28 @@ DetachedThreads& detachedThreads() {
 }  // namespace
 
 void markCurrentThreadDetached() {
+    if (currentThreadCounted) {
+        return;
+    }
+    countWorkerFromStart();
+    currentThreadCounted = true;
+}
+
+void countWorkerFromStart() {
     auto& threads = detachedThreads();
     std::lock_guard lock(threads.mutex);
     ++threads.running;
-    currentThreadDetached = true;
+}
+
+void workerCountedFromStart() {
+    currentThreadCounted = true;
 }
 
 void workerThreadFinishing() {
     // The crypto library keeps per-thread state (its error queue) that it frees only when the
     // thread ends; free it now, while the thread is still accounted for.
     OPENSSL_thread_stop();
-    if (!currentThreadDetached) {
+    if (!currentThreadCounted) {
         return;
     }
     auto& threads = detachedThreads();

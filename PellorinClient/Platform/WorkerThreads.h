@@ -9,8 +9,18 @@
 
 namespace pellorin::workerThreads {
 
-// Called on a worker thread that is detaching itself.
+// Called on a worker thread that is detaching itself. Nothing more happens for a worker that was
+// counted from its start.
 void markCurrentThreadDetached();
+
+// For workers that always end on their own (transfers): counts the worker as running from before
+// it exists until its workerThreadFinishing(), whether it is later joined or detached. Without
+// this, a transfer thread that has reported its outcome but not yet dropped its task could still
+// be releasing the crypto library's state while an exiting process tears that library down.
+// countWorkerFromStart() runs on the starting thread just before the worker is created; the
+// worker calls workerCountedFromStart() first thing.
+void countWorkerFromStart();
+void workerCountedFromStart();
 
 // Called as the last thing every worker thread function does.
 void workerThreadFinishing();

@@ -2,14 +2,13 @@
 // connection limit, the delegate registry, bad parts, and what a client leaves behind.
 #include <gtest/gtest.h>
 
-#include <dirent.h>
-
 #include <atomic>
 #include <map>
 #include <thread>
 
 #include "TransferFixture.h"
 #include "datapath/RateLimiter.h"
+#include "support/ProcessResources.h"
 
 namespace pellorin::testing {
 namespace {
@@ -166,39 +165,21 @@ TEST(ClientDelegates, WeakTwiceRemovedAndQueuedDelegatesAreHonoured) {
     }
 }
 
-size_t countEntries(const char* directory) {
-    size_t count = 0;
-    if (DIR* d = opendir(directory)) {
-        while (readdir(d))
-            ++count;
-        closedir(d);
-    }
-    return count;
-}
-
 TEST(ClientResources, NoThreadOrDescriptorIsLeftAfterAClientGoesAway) {
     {
         Transfer warmUp(kPart);
         warmUp.submitParts(kPart);
         warmUp.run();
     }  // one-time globals
-    const size_t threads = countEntries("/proc/self/task");
-    const size_t descriptors = countEntries("/proc/self/fd");
+    const ProcessResources before = settledResources();
     for (int round = 0; round < 3; ++round) {
         Transfer t(8 * kPart, 4);
         t.submitParts(kPart);
         EXPECT_EQ(t.run(), 0);
     }
-    // Threads that were told to stop may take a moment to be gone, and close their sockets.
-    // A leak shows as more than before; a warm-up thread still exiting at the first count may make
-    // the later counts lower.
-    for (int i = 0; i < 250 && (countEntries("/proc/self/task") > threads ||
-                                countEntries("/proc/self/fd") > descriptors);
-         ++i) {
-        std::this_thread::sleep_for(std::chrono::milliseconds(20));
-    }
-    EXPECT_LE(countEntries("/proc/self/task"), threads);
-    EXPECT_LE(countEntries("/proc/self/fd"), descriptors);
+    const ProcessResources after = waitForResources(before);
+    EXPECT_EQ(after.threads, before.threads);
+    EXPECT_EQ(after.descriptors, before.descriptors);
 }
 
 }  // namespace

@@ -24,6 +24,7 @@
 
 #include "Platform/Semaphore.h"
 #include "client/ExponentialBackoff.h"
+#include "client/RetryAfter.h"
 #include "client/TransferState.h"
 #include "datapath/Atomic.h"
 
@@ -104,6 +105,10 @@ void startUpload(PellorinClient& client, const std::shared_ptr<FilePartRequest>&
 void failPart(PellorinClient& client, const std::shared_ptr<FilePartRequest>& partRequest,
               const PellorinError& error);
 
+// Fails every waiting part with cancelledByUser, in queue order. Requires `cancelled` (a fatal
+// stop otherwise). delegateQueue only.
+void clearWaitQueue(PellorinClient& client);
+
 // Puts a part back into the wait queue after a retryable ending, or fails it when its retry
 // budget is spent. delegateQueue only.
 void requeuePartRequest(PellorinClient& client, const std::shared_ptr<FilePartRequest>& request,
@@ -111,10 +116,6 @@ void requeuePartRequest(PellorinClient& client, const std::shared_ptr<FilePartRe
                         const PellorinError& error);
 void requeuePartRequest(PellorinClient& client, const std::shared_ptr<FilePartRequest>& request,
                         uint64_t lostByteCount, const HttpResponse& response);
-
-// Parses a "Retry-After" value as a number of seconds in the C locale; no value when the whole
-// text is not a finite number. Pure.
-std::optional<double> parseRetryAfterSeconds(std::string_view text);
 
 // Signals completionSemaphore when no part is in flight, starting or waiting. delegateQueue only.
 void signalCompletionIfIdle(PellorinClient& client);

@@ -155,6 +155,22 @@ void client::signalCompletionIfIdle(PellorinClient& client) {
     });
 }
 
+void client::clearWaitQueue(PellorinClient& client) {
+    auto& state = ClientAccess::state(client);
+    // Every waiting part fails, in queue order, and never starts. The entries are taken out in
+    // one step, so a part is either failed here or started by the scheduling loop, never both.
+    std::vector<WaitQueueEntry> waiting;
+    state.waitQueue.modifyAll([&](std::vector<WaitQueueEntry>& entries) {
+        if (!state.cancelled.load()) {
+            fatalError("Called clearWaitQueue without being cancelled.");
+        }
+        waiting.swap(entries);
+    });
+    for (const auto& entry : waiting) {
+        client::failPart(client, entry.partRequest, PellorinError::cancelledByUser());
+    }
+}
+
 int32_t PellorinClient::waitUntilFinished() {
     State& state = *state_;
     if (state.partsRequested.load() == 0) {
@@ -220,19 +236,7 @@ void PellorinClient::invalidateAndCancel() {
             }
         }
         state.cancelled.store(true);
-        // Clearing the wait queue: every waiting part fails, in queue order, and never starts.
-        // The entries are taken out in one step, so a part is either failed here or started by
-        // the scheduling loop, never both.
-        std::vector<WaitQueueEntry> waiting;
-        state.waitQueue.modifyAll([&](std::vector<WaitQueueEntry>& entries) {
-            if (!state.cancelled.load()) {
-                fatalError("Called clearWaitQueue without being cancelled.");
-            }
-            waiting.swap(entries);
-        });
-        for (const auto& entry : waiting) {
-            client::failPart(*self, entry.partRequest, PellorinError::cancelledByUser());
-        }
+        client::clearWaitQueue(*self);
         if (state.maxConnectionsSemaphore) {
             state.maxConnectionsSemaphore->signal();
         }

@@ -2,14 +2,13 @@
 // of now plus its wait, after its retry budget is checked and the delegates are told. Runs on the
 // client's delegate queue.
 #include <algorithm>
-#include <charconv>
-#include <cmath>
 
 #include "Platform/Fatal.h"
 #include "Platform/HttpSession.h"
 #include "client/ClientState.h"
 #include "client/ErrorConversion.h"
 #include "client/Formatting.h"
+#include "client/RetryAfter.h"
 
 namespace pellorin::client {
 
@@ -28,24 +27,6 @@ std::chrono::system_clock::time_point timeAfter(double seconds) {
 }
 
 }  // namespace
-
-std::optional<double> parseRetryAfterSeconds(std::string_view text) {
-    // from_chars reads numbers the same way in every locale. A leading '+' is accepted as a
-    // number's sign; anything else that is not part of the number (spaces, units, a date) fails.
-    if (!text.empty() && text.front() == '+') {
-        text.remove_prefix(1);
-        if (!text.empty() && (text.front() == '-' || text.front() == '+')) {
-            return std::nullopt;
-        }
-    }
-    double value = 0;
-    const auto [end, ec] = std::from_chars(text.data(), text.data() + text.size(), value);
-    if (ec != std::errc() || end != text.data() + text.size() || text.empty() ||
-        !std::isfinite(value)) {
-        return std::nullopt;
-    }
-    return value;
-}
 
 void requeuePartRequest(PellorinClient& client, const std::shared_ptr<FilePartRequest>& request,
                         uint64_t lostByteCount, std::optional<double> afterSecs,
@@ -74,6 +55,14 @@ void requeuePartRequest(PellorinClient& client, const std::shared_ptr<FilePartRe
     // The wait orders the queue; the scheduling loop does not hold the part back for it.
     const auto notBefore = afterSecs ? timeAfter(*afterSecs) : std::chrono::system_clock::now();
     enqueue(client, notBefore, request);
+    // A cancelled client schedules nothing more and has already emptied its wait queue: a part
+    // re-queued now (a network error that ended its attempt just before the cancellation
+    // reached it) would never start, and waitUntilFinished would never return. It fails as
+    // cancelled instead, like every part that was waiting when the cancellation came.
+    if (state.cancelled.load()) {
+        clearWaitQueue(client);
+        return;
+    }
     submitProcessWaitQueue(client);
 }
 

@@ -1,0 +1,131 @@
+// Trust and secrets: certificates are always verified (only an explicit CA setting changes whom
+// the client trusts), TLS below 1.2 is refused whatever the configuration asks for, and header
+// values a host passes with its parts never reach a log line.
+#include <gtest/gtest.h>
+
+#include <openssl/tls1.h>
+
+#include <pellorin/LoggingProgressReporter.h>
+
+#include "Platform/UrlError.h"
+#include "TransferFixture.h"
+
+namespace pellorin::testing {
+namespace {
+
+using receiver::Fault;
+using receiver::RequestInfo;
+
+constexpr uint64_t kPart = 16 * 1024;
+
+receiver::ReceiverOptions tlsOptions(std::optional<int> maxVersion = std::nullopt) {
+    receiver::ReceiverOptions options;
+    options.tls = true;
+    options.tlsMaxVersion = maxVersion;
+    return options;
+}
+
+// The part failed for good on its first attempt with the given URL-loading error, and the
+// receiver never saw a request: no byte of the part left the client in the clear.
+void expectRefused(Transfer& t, int64_t code) {
+    EXPECT_EQ(t.run(std::chrono::seconds(20)), 1);
+    ASSERT_EQ(t.delegate->failed.size(), 1u);
+    const auto& errors = t.delegate->failed[0]->errors();
+    ASSERT_FALSE(errors.empty());
+    EXPECT_EQ(errors[0]->domain(), kURLErrorDomain);
+    EXPECT_EQ(errors[0]->code(), code);
+    EXPECT_TRUE(t.delegate->completed.empty());
+    EXPECT_TRUE(t.receiver->requests().empty());
+}
+
+TEST(ClientSecurity, AnUntrustedCertificateFailsUnlessTheConfigurationNamesItsCA) {
+    {
+        Transfer t(kPart, 2, 0, tlsOptions());
+        t.submitParts(kPart);
+        expectRefused(t, URLError::serverCertificateUntrusted);
+    }
+    Transfer t(4 * kPart, 2, 0, tlsOptions());
+    const std::string certificate = t.receiver->certificateFile();
+    t.client->setSessionConfigurationSupplier([certificate] {
+        auto configuration = SessionConfiguration::ephemeral();
+        configuration.caFile = certificate;
+        return configuration;
+    });
+    t.submitParts(kPart);
+    EXPECT_EQ(t.run(std::chrono::seconds(20)), 0);
+    EXPECT_EQ(md5HexOfFile(t.copy()), md5HexOfFile(t.source));
+}
+
+TEST(ClientSecurity, TlsBelowOnePointTwoIsRefusedEvenWhenTheConfigurationAllowsIt) {
+    Transfer t(kPart, 2, 0, tlsOptions(TLS1_1_VERSION));
+    const std::string certificate = t.receiver->certificateFile();
+    t.client->setSessionConfigurationSupplier([certificate] {
+        auto configuration = SessionConfiguration::ephemeral();
+        configuration.caFile = certificate;
+        configuration.minimumTLSVersion = TLSVersion::v1_0;
+        return configuration;
+    });
+    t.submitParts(kPart);
+    expectRefused(t, URLError::secureConnectionFailed);
+}
+
+TEST(ClientSecurity, HeaderValuesOfPartsNeverReachTheLog) {
+    const std::vector<std::string> secrets{"secret-token", "hunter2-key"};
+    Transfer t(5 * kPart, 4, 1);
+    // Every ending that logs: success, retries after a server error and a dropped connection,
+    // an answer that is not HTTP, a permanent failure.
+    t.receiver->setFaultScript([](const RequestInfo& info) -> std::optional<Fault> {
+        Fault fault;
+        switch (info.partNumber.value_or(0)) {
+            case 2:
+                fault.status = 500;
+                fault.retryAfter = "0";
+                break;
+            case 3:
+                fault.closeAfterBodyBytes = 100;
+                break;
+            case 4:
+                fault.garbageResponse = true;
+                break;
+            case 5:
+                fault.status = 403;
+                break;
+            default:
+                return std::nullopt;
+        }
+        return fault;
+    });
+    auto reporter = std::make_shared<LoggingProgressReporter>(
+        Logger("test.reporter", std::make_unique<RecordingLogHandler>(t.log)));
+    t.client->addDelegate(reporter, nullptr);
+    for (uint64_t part = 1; part <= 5; ++part) {
+        const uint64_t offset = (part - 1) * kPart;
+        t.client->uploadPartRequest(FilePartRequest::makeWithHeadersArray(
+            t.source.string(), part, offset, kPart,
+            *Url::parse(t.receiver->partUrl("copy.bin", offset)), "PUT",
+            FilePartRequest::HeadersArray{{{"name", "Authorization"}, {"value", secrets[0]}},
+                                          {{"name", "X-Api-Key"}, {"value", secrets[1]}}}));
+    }
+    EXPECT_EQ(t.run(std::chrono::seconds(30)), 1);
+
+    // The headers did go out, so the check below is not vacuous.
+    const auto requests = t.receiver->requests();
+    ASSERT_FALSE(requests.empty());
+    for (const auto& r : requests) {
+        EXPECT_NE(std::find(r.headers.begin(), r.headers.end(),
+                            std::pair<std::string, std::string>{"Authorization", secrets[0]}),
+                  r.headers.end());
+    }
+    const auto entries = t.log->entries();
+    ASSERT_GT(entries.size(), 50u);
+    for (const auto& entry : entries) {
+        std::string text = entry.message;
+        for (const auto& [key, value] : entry.metadata)
+            text += " " + key + "=" + value.description();
+        for (const auto& secret : secrets)
+            EXPECT_EQ(text.find(secret), std::string::npos) << text;
+    }
+}
+
+}  // namespace
+}  // namespace pellorin::testing

@@ -1,0 +1,130 @@
+// A long transfer against a receiver that fails about a quarter of all attempts at random (server
+// errors, "429 Retry-After: 0", dropped connections, stalls past the idle time-out, wrong
+// checksums): every part must arrive exactly once, byte for byte, and the client's counts must
+// match what was injected. PELLORIN_SOAK_PARTS and PELLORIN_SOAK_SEED change the size and the
+// plan (bench/soak runs it large).
+#include <gtest/gtest.h>
+
+#include <chrono>
+#include <cstdio>
+#include <map>
+#include <string>
+
+#include "Platform/UrlError.h"
+#include "RandomFaults.h"
+#include "TestSize.h"
+#include "TransferFixture.h"
+
+namespace pellorin::testing {
+namespace {
+
+#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
+constexpr bool kSanitized = true;
+#else
+constexpr bool kSanitized = false;
+#endif
+
+constexpr uint64_t kPart = 4 * 1024;
+// Sanitized builds run several times slower: fewer parts, and an idle time-out that a healthy
+// exchange never reaches even then.
+constexpr uint64_t kDefaultParts = kSanitized ? 800 : 2000;
+constexpr double kIdleTimeoutSecs = kSanitized ? 1.5 : 0.5;
+
+const char* name(FaultKind kind) {
+    switch (kind) {
+        case FaultKind::serverError:
+            return "500";
+        case FaultKind::tooManyRequests:
+            return "429";
+        case FaultKind::dropped:
+            return "dropped";
+        case FaultKind::stalled:
+            return "stalled";
+        case FaultKind::wrongChecksum:
+            return "checksum";
+        case FaultKind::none:
+            break;
+    }
+    return "none";
+}
+
+TEST(FaultSoak, EveryPartArrivesOnceAndTheCountsMatchTheInjectedFaults) {
+    const uint64_t parts = sizeFromEnvironment("PELLORIN_SOAK_PARTS", kDefaultParts);
+    const uint64_t seed = sizeFromEnvironment("PELLORIN_SOAK_SEED", 20240611);
+    Transfer t(parts * kPart, 16, 20);
+    RandomFaults faults(seed, 25, 2 * kIdleTimeoutSecs, kPart);
+    t.receiver->setFaultScript(faults.script());
+    t.client->setSessionConfigurationSupplier([] {
+        auto configuration = SessionConfiguration::ephemeral();
+        configuration.timeoutIntervalForRequest = kIdleTimeoutSecs;
+        return configuration;
+    });
+    t.submitParts(kPart);
+
+    const auto started = std::chrono::steady_clock::now();
+    ASSERT_EQ(t.run(std::chrono::seconds(600)), 0);
+    const double elapsed =
+        std::chrono::duration<double>(std::chrono::steady_clock::now() - started).count();
+    ASSERT_TRUE(t.delegate->waitForFinish());
+
+    // The receiver accepted each part exactly once, after one request per injected fault.
+    std::map<uint64_t, int> accepted, requests;
+    for (const auto& r : t.receiver->requests()) {
+        const uint64_t part = r.partNumber.value_or(0);
+        EXPECT_EQ(r.retryCount.value_or(0), uint64_t(requests[part]++)) << part;
+        accepted[part] += r.accepted ? 1 : 0;
+    }
+    std::map<uint64_t, int> completed;
+    for (const auto& m : t.delegate->completed)
+        ++completed[m->partNumber()];
+    for (uint64_t part = 1; part <= parts; ++part) {
+        EXPECT_EQ(accepted[part], 1) << part;
+        EXPECT_EQ(completed[part], 1) << part;
+        uint32_t faultsOfPart = 0;
+        while (faults.injected(part, faultsOfPart).kind != FaultKind::none)
+            ++faultsOfPart;
+        EXPECT_EQ(requests[part], int(faultsOfPart + 1)) << part;
+    }
+    EXPECT_TRUE(t.delegate->failed.empty());
+    EXPECT_EQ(md5HexOfFile(t.copy()), md5HexOfFile(t.source));
+
+    // Each retry names the attempt that failed; its lost bytes are what that attempt sent.
+    uint64_t lost = 0;
+    for (const auto& m : t.delegate->retries) {
+        const InjectedFault fault = faults.injected(m->partNumber(), uint32_t(m->retryCount() - 1));
+        lost += m->lostBytes();
+        switch (fault.kind) {
+            case FaultKind::none:
+                ADD_FAILURE() << "retry without a fault: part " << m->partNumber();
+                break;
+            case FaultKind::dropped:
+                EXPECT_GE(m->lostBytes(), fault.dropAfter) << m->partNumber();
+                EXPECT_LE(m->lostBytes(), kPart) << m->partNumber();
+                break;
+            case FaultKind::stalled:
+                EXPECT_EQ(m->error()->code(), URLError::timedOut) << m->partNumber();
+                EXPECT_LE(m->lostBytes(), kPart) << m->partNumber();
+                break;
+            default:  // the server read the whole body before answering
+                EXPECT_EQ(m->lostBytes(), kPart) << m->partNumber() << " " << name(fault.kind);
+        }
+    }
+    const auto& metrics = *t.delegate->metrics;
+    EXPECT_EQ(metrics.retryCount(), faults.total());
+    EXPECT_EQ(t.delegate->retries.size(), faults.total());
+    EXPECT_EQ(metrics.bytesSent(), parts * kPart);
+    EXPECT_EQ(metrics.bytesLost(), lost);
+    EXPECT_EQ(metrics.partsSent(), parts);
+    EXPECT_EQ(metrics.failureCount(), 0u);
+
+    std::string kinds;
+    for (const auto& [kind, count] : faults.countsByKind())
+        kinds += " " + std::string(name(kind)) + "=" + std::to_string(count);
+    std::printf("[ soak ] %llu parts of %llu bytes, %llu faults (%s ), %.2f s, %.0f parts/s\n",
+                static_cast<unsigned long long>(parts), static_cast<unsigned long long>(kPart),
+                static_cast<unsigned long long>(faults.total()), kinds.c_str() + 1, elapsed,
+                double(parts) / elapsed);
+}
+
+}  // namespace
+}  // namespace pellorin::testing
