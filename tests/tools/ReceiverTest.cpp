@@ -210,57 +210,6 @@ TEST(Receiver, WritesPartsAtTheirOffsetsAndAnswersTheirMD5) {
     EXPECT_LE(records[1].started, records[1].finished);
 }
 
-TEST(Receiver, ChecksumHeaderFollowsModeAndFaults) {
-    Receiver receiver({.checksumMode = ChecksumMode::eTag});
-    receiver.setFaultScript([](const RequestInfo& info) -> std::optional<Fault> {
-        switch (info.partNumber.value_or(0)) {
-            case 2:
-                return Fault{.quotedETag = true};
-            case 3:
-                return Fault{.upperCaseETag = true};
-            case 4:
-                return Fault{.wrongChecksum = true};
-            case 5:
-                return Fault{.noChecksum = true};
-            default:
-                return std::nullopt;
-        }
-    });
-    receiver.start();
-    const std::string body = "hello, receiver";
-    ASSERT_EQ(receiver.requests().size(), 0u);
-    std::vector<std::optional<std::string>> eTags;
-    for (int part = 1; part <= 5; ++part) {
-        const Reply reply = upload(receiver.partUrl("p", 0), body,
-                                   {.headers = {"X-PLNX-Part-Number: " + std::to_string(part)}});
-        EXPECT_EQ(reply.status, 200);
-        EXPECT_FALSE(reply.header("Content-MD5"));
-        eTags.push_back(reply.header("ETag"));
-    }
-    const std::string md5 = receiver.requests()[0].md5Hex;
-    std::string upper = md5;
-    std::ranges::transform(upper, upper.begin(), ::toupper);
-    EXPECT_EQ(eTags[0], md5);
-    EXPECT_EQ(eTags[1], '"' + md5 + '"');
-    EXPECT_EQ(eTags[2], upper);
-    ASSERT_TRUE(eTags[3]);
-    EXPECT_NE(*eTags[3], md5);
-    EXPECT_EQ(eTags[3]->size(), 32u);
-    EXPECT_FALSE(eTags[4]);
-    const auto records = receiver.requests();
-    EXPECT_EQ(std::vector<bool>({records[0].accepted, records[1].accepted, records[2].accepted,
-                                 records[3].accepted, records[4].accepted}),
-              std::vector<bool>({true, false, true, false, false}));
-
-    // Forcing an ETag fault in Content-MD5 mode switches the header.
-    Receiver md5Receiver;
-    md5Receiver.setFaultScript([](const RequestInfo&) { return Fault{.upperCaseETag = true}; });
-    md5Receiver.start();
-    const Reply reply = upload(md5Receiver.partUrl("p", 0), body);
-    EXPECT_FALSE(reply.header("Content-MD5"));
-    EXPECT_EQ(reply.header("ETag"), upper);
-}
-
 TEST(Receiver, RecordsHeadersAsReceivedAndCountsAttemptsPerPart) {
     Receiver receiver;
     std::mutex mutex;
@@ -303,83 +252,6 @@ TEST(Receiver, RecordsHeadersAsReceivedAndCountsAttemptsPerPart) {
     EXPECT_TRUE(receiver.requests().empty());
     upload(receiver.partUrl("f", 0), "x", options);
     EXPECT_EQ(seen.back().attempt, 0u);
-}
-
-TEST(Receiver, AnswersScriptedStatusesAndDelays) {
-    Receiver receiver;
-    receiver.setFaultScript([](const RequestInfo& info) -> std::optional<Fault> {
-        if (info.attempt == 0) {
-            return Fault{.status = 503, .retryAfter = "2", .stallSecs = 0.2};
-        }
-        return Fault{.delayBeforeAnswerSecs = 0.2};
-    });
-    receiver.start();
-    const Reply first = upload(receiver.partUrl("f", 0), "abc");
-    EXPECT_EQ(first.code, CURLE_OK);
-    EXPECT_EQ(first.status, 503);
-    EXPECT_EQ(first.header("Retry-After"), "2");
-    EXPECT_FALSE(first.header("Content-MD5"));
-    const Reply second = upload(receiver.partUrl("f", 0), "abc");
-    EXPECT_EQ(second.status, 200);
-    EXPECT_TRUE(second.header("Content-MD5"));
-
-    const auto records = receiver.requests();
-    ASSERT_EQ(records.size(), 2u);
-    EXPECT_EQ(records[0].status, 503);
-    EXPECT_FALSE(records[0].accepted);
-    EXPECT_EQ(records[0].bytesReceived, 3u);
-    for (const auto& record : records) {
-        EXPECT_GE(record.finished - record.started, 200ms);
-    }
-}
-
-TEST(Receiver, DropsOrGarblesWhenScripted) {
-    Receiver receiver;
-    receiver.setFaultScript([](const RequestInfo& info) -> std::optional<Fault> {
-        if (info.partNumber == 1u) {
-            return Fault{.closeAfterBodyBytes = 1000};
-        }
-        return Fault{.garbageResponse = true};
-    });
-    receiver.start();
-    const std::string body(200000, 'z');
-    const Reply dropped =
-        upload(receiver.partUrl("f", 0), body, {.headers = {"X-PLNX-Part-Number: 1"}});
-    EXPECT_NE(dropped.code, CURLE_OK);
-    EXPECT_EQ(dropped.status, 0);
-    const Reply garbled =
-        upload(receiver.partUrl("f", 0), body, {.headers = {"X-PLNX-Part-Number: 2"}});
-    EXPECT_NE(garbled.code, CURLE_OK);
-
-    const auto records = receiver.requests();
-    ASSERT_EQ(records.size(), 2u);
-    EXPECT_EQ(records[0].bytesReceived, 1000u);
-    EXPECT_EQ(records[0].status, 0);
-    EXPECT_EQ(records[1].bytesReceived, body.size());
-    EXPECT_EQ(records[1].status, 0);
-    EXPECT_FALSE(records[1].accepted);
-}
-
-TEST(Receiver, CountsRequestsServedAtOnce) {
-    Receiver receiver;
-    receiver.start();
-    std::vector<std::unique_ptr<RawClient>> clients;
-    for (int i = 0; i < 4; ++i) {
-        clients.push_back(std::make_unique<RawClient>(receiver.port()));
-        clients.back()->send(putHead("/upload/c?offset=0", 2, "Connection: close\r\n"));
-    }
-    ASSERT_TRUE(eventually([&] { return receiver.requests().size() == 4; }));
-    for (auto& client : clients) {
-        client->send("ok");
-        EXPECT_TRUE(client->readToEnd().starts_with("HTTP/1.1 200 OK\r\n"));
-    }
-    EXPECT_EQ(receiver.maxConcurrentRequests(), 4);
-    // One at a time afterwards, each starting as soon as the previous one was answered.
-    receiver.resetRecords();
-    EXPECT_EQ(receiver.maxConcurrentRequests(), 0);
-    upload(receiver.partUrl("c", 0), "x");
-    upload(receiver.partUrl("c", 0), "x");
-    EXPECT_EQ(receiver.maxConcurrentRequests(), 1);
 }
 
 TEST(Receiver, RejectsBadRequestsAndKeepsServing) {
@@ -455,27 +327,6 @@ TEST(Receiver, StartFailsClearlyWhenThePortIsTaken) {
         EXPECT_NE(std::string(error.what()).find("bind 127.0.0.1:" + std::to_string(first.port())),
                   std::string::npos);
     }
-}
-
-TEST(Receiver, ServesHttpsWithItsOwnCertificate) {
-    Receiver receiver({.tls = true});
-    receiver.start();
-    EXPECT_TRUE(receiver.baseUrl().starts_with("https://127.0.0.1:"));
-    ASSERT_TRUE(std::filesystem::exists(receiver.certificateFile()));
-    const Reply reply = upload(receiver.partUrl("t", 0), std::string(300000, 's'),
-                               {.caFile = receiver.certificateFile()});
-    EXPECT_EQ(reply.code, CURLE_OK);
-    EXPECT_EQ(reply.status, 200);
-    EXPECT_EQ(reply.header("Content-MD5"), md5Base64(receiver.requests().at(0).md5Hex));
-    const std::string localhost =
-        "https://localhost:" + std::to_string(receiver.port()) + "/upload/t";
-    EXPECT_EQ(upload(localhost, "x", {.caFile = receiver.certificateFile()}).status, 200);
-
-    Receiver old({.tls = true, .tlsMaxVersion = TLS1_1_VERSION});
-    old.start();
-    const Reply refused = upload(old.partUrl("t", 0), "x", {.caFile = old.certificateFile()});
-    EXPECT_NE(refused.code, CURLE_OK);
-    EXPECT_TRUE(old.requests().empty());
 }
 
 }  // namespace
