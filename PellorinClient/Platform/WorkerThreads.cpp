@@ -12,6 +12,12 @@ namespace pellorin::workerThreads {
 
 namespace {
 
+// The crypto library's clean-up at exit deletes its per-thread keys while queue and transfer
+// threads may still be alive, which leaves their per-thread state unreachable (a leak report).
+// The process releases everything at exit anyway, so that clean-up is switched off here, while
+// the library's static objects are initialised, before anything else initialises the library.
+const bool cryptoLibraryInitialised = OPENSSL_init_crypto(OPENSSL_INIT_NO_ATEXIT, nullptr) == 1;
+
 thread_local bool currentThreadCounted = false;  // counted in DetachedThreads::running
 
 struct DetachedThreads {
@@ -24,9 +30,6 @@ struct DetachedThreads {
 DetachedThreads& detachedThreads() {
     static DetachedThreads* const instance = [] {
         DetachedThreads* threads = std::make_unique<DetachedThreads>().release();
-        // The crypto library registers its own clean-up at exit when it is first initialised;
-        // initialising it first puts that clean-up after the wait below (handlers run in reverse).
-        OPENSSL_init_crypto(0, nullptr);
         // Runs before sanitizers' own exit checks, which were registered earlier.
         std::atexit([] {
             DetachedThreads& t = detachedThreads();

@@ -4,7 +4,7 @@
 // replayed by CTest.
 //
 // clang-format off
-// Library sources: tools/pellorin/ReservationReader.cpp tools/pellorin/FileTools.cpp tools/pellorin/TextFile.cpp tools/pellorin/PartPlan.cpp PellorinClient/Platform/*.cpp PellorinClient/Sources/*/*.cpp PellorinClient/Sources/reporting/logging/*.cpp
+// Library sources: tools/pellorin/ReservationReader.cpp tools/pellorin/FileTools.cpp tools/pellorin/TextFile.cpp tools/pellorin/PartPlan.cpp tools/pellorin/Units.cpp PellorinClient/Sources/reservation/Reservation.cpp PellorinClient/Sources/reservation/ReservationJson.cpp PellorinClient/Sources/reservation/JsonField.cpp PellorinClient/Sources/datapath/FilePartRequest.cpp PellorinClient/Sources/client/PellorinError.cpp PellorinClient/Platform/Url.cpp PellorinClient/Platform/PlatformError.cpp PellorinClient/Platform/Encoding.cpp
 // clang-format on
 #include <cstdint>
 #include <cstdlib>

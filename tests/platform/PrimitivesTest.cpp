@@ -54,19 +54,19 @@ TEST(SemaphoreTest, SignalReportsWhetherItWokeAWaiterAndWaitsAreTimed) {
     EXPECT_EQ(semaphore.signal(), 0);  // nobody waiting
     EXPECT_TRUE(semaphore.waitFor(0ms));
 
-    std::atomic<bool> woke{false};
-    std::thread waiter([&] { woke = semaphore.waitFor(5s); });
+    // A signal reports a woken waiter only if the waiter was already blocked; give it longer on
+    // every try (a waiter that arrives after the signal takes the count without blocking).
     long result = 0;
-    for (int i = 0; i < 500 && result == 0; ++i) {  // until the waiter is really waiting
-        std::this_thread::sleep_for(2ms);
-        result = semaphore.signal();
-        if (result == 0) {
-            EXPECT_TRUE(semaphore.waitFor(0ms));  // take the unclaimed count back
-        }
+    for (int attempt = 1; attempt <= 20 && result == 0; ++attempt) {
+        Semaphore fresh(0);
+        std::atomic<bool> woke{false};
+        std::thread waiter([&] { woke = fresh.waitFor(5s); });
+        std::this_thread::sleep_for(attempt * 10ms);
+        result = fresh.signal();
+        waiter.join();
+        EXPECT_TRUE(woke);
     }
-    waiter.join();
     EXPECT_NE(result, 0);
-    EXPECT_TRUE(woke);
 }
 
 TEST(RepeatingTimerTest, TicksUntilCancelled) {
