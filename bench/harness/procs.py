@@ -1,0 +1,184 @@
+"""Child processes measured the way the figures need them: wall time, the child's own user and
+system CPU seconds and its peak resident set."""
+
+import os
+import signal
+import socket
+import subprocess
+import threading
+import time
+from dataclasses import dataclass
+
+
+@dataclass
+class Run:
+    """One finished child process."""
+
+    argv: list
+    exit_code: int
+    wall_s: float
+    user_s: float
+    sys_s: float
+    max_rss_bytes: int
+    log: str  # path of the file holding its standard output and error
+    receiver_cpu_s: float = 0.0  # CPU the receiver spent meanwhile, when it was measured
+
+    @property
+    def cpu_s(self):
+        return self.user_s + self.sys_s
+
+    def tail(self, lines=15):
+        try:
+            with open(self.log, errors="replace") as f:
+                return "".join(f.readlines()[-lines:])
+        except OSError:
+            return ""
+
+
+class Child:
+    """A started child, measured by GNU time: the figures are the child's own even though this
+    harness is a large process (a child forked from it would inherit its peak resident set).
+    The child runs in a session of its own, so that a signal to the group reaches it the way a
+    terminal's Ctrl-C would (time itself ignores SIGINT while it waits). A watchdog kills the
+    group after `limit_s`, so a stuck tool cannot hang the benchmark."""
+
+    def __init__(self, argv, log, limit_s, cpu=None):
+        self.argv = [str(a) for a in argv]
+        self.log = log
+        self._stats = log + ".time"
+        self._log_file = open(log, "wb")
+        self.started = time.monotonic()
+        pin = [] if cpu is None else ["taskset", "--cpu-list", str(cpu)]
+        self.proc = subprocess.Popen(
+            pin + ["/usr/bin/time", "-o", self._stats, "-f", "%e %U %S %M"] + self.argv,
+            stdin=subprocess.DEVNULL,
+            stdout=self._log_file,
+            stderr=self._log_file,
+            start_new_session=True,
+        )
+        self.killed = False
+        self._done = threading.Event()
+        self._watchdog = threading.Thread(target=self._watch, args=(limit_s,), daemon=True)
+        self._watchdog.start()
+
+    def _watch(self, limit_s):
+        if not self._done.wait(limit_s):
+            self.killed = True
+            self.signal(signal.SIGKILL)
+
+    def signal(self, signum):
+        """Sends `signum` to the child's process group."""
+        try:
+            os.killpg(self.proc.pid, signum)
+        except ProcessLookupError:
+            pass
+
+    def stop(self, grace_s=5.0):
+        """SIGTERM, then SIGKILL after `grace_s`; reaps the child. For servers, not for figures."""
+        if self.proc.returncode is not None:
+            return
+        self.signal(signal.SIGTERM)
+        killer = threading.Timer(grace_s, self.signal, args=(signal.SIGKILL,))
+        killer.start()
+        try:
+            self.wait()
+        except RuntimeError:
+            pass
+        finally:
+            killer.cancel()
+
+    def wait(self):
+        """Reaps the child; returns its Run. The wall time runs from spawn to reaping."""
+        self.proc.wait()
+        ended = time.monotonic()
+        self._done.set()
+        self._log_file.close()
+        if self.killed:
+            raise RuntimeError(f"{self.argv[0]} ran past its time limit and was killed")
+        exit_code = self.proc.returncode
+        try:
+            with open(self._stats) as f:
+                lines = f.read().splitlines()
+        except OSError:
+            lines = []
+        for line in lines:
+            if line.startswith("Command terminated by signal"):
+                exit_code = -int(line.split()[-1])
+        try:
+            _, user_s, sys_s, rss_kib = lines[-1].split()
+        except (IndexError, ValueError):
+            raise RuntimeError(f"no measurement for {self.argv[0]}: {lines}") from None
+        return Run(
+            argv=self.argv,
+            exit_code=exit_code,
+            wall_s=ended - self.started,
+            user_s=float(user_s),
+            sys_s=float(sys_s),
+            max_rss_bytes=int(rss_kib) * 1024,
+            log=self.log,
+        )
+
+
+def require_success(run_, what):
+    if run_.exit_code != 0:
+        raise RuntimeError(
+            f"{what} failed with exit status {run_.exit_code}: {' '.join(run_.argv[:4])} ...\n"
+            f"{run_.tail()}"
+        )
+    return run_
+
+
+def free_port():
+    """An ephemeral port that was free a moment ago on 127.0.0.1."""
+    with socket.socket() as s:
+        s.bind(("127.0.0.1", 0))
+        return s.getsockname()[1]
+
+
+def wait_for_port(port, limit_s=10.0):
+    deadline = time.monotonic() + limit_s
+    while time.monotonic() < deadline:
+        try:
+            with socket.create_connection(("127.0.0.1", port), timeout=0.5):
+                return
+        except OSError:
+            time.sleep(0.02)
+    raise RuntimeError(f"nothing listens on 127.0.0.1:{port} after {limit_s} s")
+
+
+class Server:
+    """`pellorin serve` in its own process for the length of a `with` block."""
+
+    def __init__(self, pellorin, log, cpu=None, receive_dir=None):
+        self.port = free_port()
+        argv = [pellorin, "serve", "--port", self.port]
+        if receive_dir is not None:
+            argv += ["--dir", receive_dir]
+        self._child = Child(argv, log, limit_s=24 * 3600, cpu=cpu)
+
+    def __enter__(self):
+        try:
+            wait_for_port(self.port)
+        except RuntimeError:
+            self.stop()
+            raise
+        return self
+
+    def __exit__(self, *exc):
+        self.stop()
+
+    def cpu_seconds(self):
+        """User + system CPU seconds the serving process has used so far (all its threads)."""
+        wrapper = self._child.proc.pid  # GNU time, whose only child is the server
+        with open(f"/proc/{wrapper}/task/{wrapper}/children") as f:
+            server = int(f.read().split()[0])
+        with open(f"/proc/{server}/stat") as f:
+            fields = f.read().rsplit(")", 1)[1].split()
+        return (int(fields[11]) + int(fields[12])) / os.sysconf("SC_CLK_TCK")
+
+    def url(self, name, offset):
+        return f"http://127.0.0.1:{self.port}/upload/{name}?offset={offset}"
+
+    def stop(self):
+        self._child.stop()
+
