@@ -45,7 +45,7 @@ class Bench:
     def upload(self, reservation, connections, rate_kbps=None, limit_s=600):
         """Starts `pellorin upload`; the caller waits for it."""
         argv = [self.pellorin, "upload", "--reservation", reservation,
-                "--max-connections", connections, "--max-retries", 3, "--log-level", "warning"]
+                "--max-connections", connections, "--max-retries", 3]
         if rate_kbps is not None:
             argv += ["--rate-limit", rate_kbps]
         return self.client(argv, f"pellorin-{connections}", limit_s)
