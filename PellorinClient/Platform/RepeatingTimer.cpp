@@ -5,6 +5,8 @@
 #include <mutex>
 #include <thread>
 
+#include "Platform/WorkerThreads.h"
+
 namespace pellorin {
 
 struct RepeatingTimer::State {
@@ -35,7 +37,7 @@ RepeatingTimer::RepeatingTimer(std::chrono::system_clock::time_point firstDeadli
         std::unique_lock lock(state->mutex);
         for (;;) {
             if (state->wake.wait_until(lock, next, [&] { return state->cancelled; })) {
-                return;
+                break;
             }
             lock.unlock();
             handler();
@@ -46,6 +48,8 @@ RepeatingTimer::RepeatingTimer(std::chrono::system_clock::time_point firstDeadli
                 next = now;  // fell behind (a slow handler): tick once now, do not burst
             }
         }
+        lock.unlock();
+        workerThreads::workerThreadFinishing();
     });
     state_->threadId = state_->thread.get_id();
 }
@@ -57,6 +61,7 @@ RepeatingTimer::~RepeatingTimer() {
     }
     if (std::this_thread::get_id() == state_->threadId) {
         state_->thread.detach();
+        workerThreads::markCurrentThreadDetached();
     } else {
         state_->thread.join();
     }

@@ -6,6 +6,7 @@
 #include <thread>
 
 #include "Platform/Fatal.h"
+#include "Platform/WorkerThreads.h"
 
 namespace pellorin {
 
@@ -39,7 +40,10 @@ struct SerialQueue::State {
 SerialQueue::SerialQueue(std::string label)
     : label_(std::move(label)), state_(std::make_shared<State>()) {
     std::shared_ptr<State> state = state_;
-    state_->worker = std::thread([state] { state->run(); });
+    state_->worker = std::thread([state] {
+        state->run();
+        workerThreads::workerThreadFinishing();
+    });
     state_->workerId = state_->worker.get_id();
 }
 
@@ -51,6 +55,7 @@ SerialQueue::~SerialQueue() {
     state_->wake.notify_one();
     if (std::this_thread::get_id() == state_->workerId) {
         state_->worker.detach();  // the block that dropped us is still running on the worker
+        workerThreads::markCurrentThreadDetached();
     } else {
         state_->worker.join();
     }

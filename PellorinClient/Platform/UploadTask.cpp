@@ -1,5 +1,7 @@
 #include "Platform/UploadTask.h"
 
+#include "Platform/WorkerThreads.h"
+
 #include "Platform/CurlTransfer.h"
 #include "Platform/HttpSession.h"
 #include "Platform/MemoryInputStream.h"
@@ -64,6 +66,7 @@ UploadTask::~UploadTask() {
     if (thread_.joinable()) {
         if (thread_.get_id() == std::this_thread::get_id()) {
             thread_.detach();  // the transfer thread dropped the last reference on its way out
+            workerThreads::markCurrentThreadDetached();
         } else {
             thread_.join();
         }
@@ -86,6 +89,7 @@ void UploadTask::resume() {
         // thread from the session's delegate queue.
         session.reset();
         self.reset();
+        workerThreads::workerThreadFinishing();
     });
 }
 
