@@ -38,9 +38,10 @@ class Run:
 class Child:
     """A started child, measured by GNU time: the figures are the child's own even though this
     harness is a large process (a child forked from it would inherit its peak resident set).
-    The child runs in a session of its own, so that a signal to the group reaches it the way a
-    terminal's Ctrl-C would (time itself ignores SIGINT while it waits). A watchdog kills the
-    group after `limit_s`, so a stuck tool cannot hang the benchmark."""
+    Signals go to the tool itself, time's only child. The tool stays in the harness's session:
+    with the scheduler's autogroups a session of its own would change the tool's share of a
+    busy machine's CPU (small parts ran at half speed that way). A watchdog kills the tool after
+    `limit_s`, so a stuck tool cannot hang the benchmark."""
 
     def __init__(self, argv, log, limit_s, cpu=None):
         self.argv = [str(a) for a in argv]
@@ -54,7 +55,6 @@ class Child:
             stdin=subprocess.DEVNULL,
             stdout=self._log_file,
             stderr=self._log_file,
-            start_new_session=True,
         )
         self.killed = False
         self._done = threading.Event()
@@ -66,12 +66,31 @@ class Child:
             self.killed = True
             self.signal(signal.SIGKILL)
 
+    def tool_pid(self, limit_s=5.0):
+        """The measured tool's process id (time's child), waiting briefly for the fork."""
+        deadline = time.monotonic() + limit_s
+        while time.monotonic() < deadline:
+            try:
+                with open(f"/proc/{self.proc.pid}/task/{self.proc.pid}/children") as f:
+                    children = f.read().split()
+            except OSError:
+                return None  # time has ended
+            if children:
+                return int(children[0])
+            time.sleep(0.001)
+        return None
+
     def signal(self, signum):
-        """Sends `signum` to the child's process group."""
-        try:
-            os.killpg(self.proc.pid, signum)
-        except ProcessLookupError:
-            pass
+        """Sends `signum` to the tool; time itself ignores SIGINT and reports the tool's end.
+        SIGKILL goes to time as well."""
+        pid = self.tool_pid()
+        for target in [pid] + ([self.proc.pid] if signum == signal.SIGKILL else []):
+            if target is None:
+                continue
+            try:
+                os.kill(target, signum)
+            except ProcessLookupError:
+                pass
 
     def stop(self, grace_s=5.0):
         """SIGTERM, then SIGKILL after `grace_s`; reaps the child. For servers, not for figures."""
@@ -169,10 +188,7 @@ class Server:
 
     def cpu_seconds(self):
         """User + system CPU seconds the serving process has used so far (all its threads)."""
-        wrapper = self._child.proc.pid  # GNU time, whose only child is the server
-        with open(f"/proc/{wrapper}/task/{wrapper}/children") as f:
-            server = int(f.read().split()[0])
-        with open(f"/proc/{server}/stat") as f:
+        with open(f"/proc/{self._child.tool_pid()}/stat") as f:
             fields = f.read().rsplit(")", 1)[1].split()
         return (int(fields[11]) + int(fields[12])) / os.sysconf("SC_CLK_TCK")
 
