@@ -12,10 +12,13 @@ from .workload import GiB, MiB
 
 class Bench:
     """What every scenario needs: the tools, the scratch directory, the size of the pass, and
-    where each side runs. With two cores or more the receiver is pinned to the last core and
-    every client (pellorin, curl, openssl) to the first, so that client and receiver each hash
-    on a core of their own and the receiver cannot borrow the client's core when the client
-    needs little (curl) - both tools then meet the same receiver."""
+    where each side runs. Pinned (the CPU-bound scenarios, with two cores or more), the receiver
+    runs on the last core and every client (pellorin, curl, openssl) on the first, so that
+    client and receiver each hash on a core of their own and the receiver cannot borrow the
+    client's core when the client needs little (curl): both tools meet the same receiver.
+    Scenarios bound by latency rather than CPU run unpinned: on a busy machine a pinned
+    single-threaded client waits for its one core at every request (curl sent small parts five
+    times slower that way), which measures the neighbours rather than the tool."""
 
     def __init__(self, pellorin, scratch, quick):
         self.pellorin = pellorin
@@ -35,28 +38,30 @@ class Bench:
     def path(self, *parts):
         return os.path.join(self.scratch, *parts)
 
-    def server(self):
-        return procs.Server(self.pellorin, self.log("serve"), cpu=self.server_cpu)
+    def server(self, pinned=True):
+        return procs.Server(self.pellorin, self.log("serve"),
+                            cpu=self.server_cpu if pinned else None)
 
-    def client(self, argv, what, limit_s=600):
-        """Starts a client-side tool on the client's core; the caller waits for it."""
-        return procs.Child(argv, self.log(what), limit_s, cpu=self.client_cpu)
+    def client(self, argv, what, limit_s=600, pinned=True):
+        """Starts a client-side tool (on the client's core when pinned); the caller waits."""
+        return procs.Child(argv, self.log(what), limit_s,
+                           cpu=self.client_cpu if pinned else None)
 
-    def upload(self, reservation, connections, rate_kbps=None, limit_s=600):
+    def upload(self, reservation, connections, rate_kbps=None, limit_s=600, pinned=True):
         """Starts `pellorin upload`; the caller waits for it."""
         argv = [self.pellorin, "upload", "--reservation", reservation,
                 "--max-connections", connections, "--max-retries", 3]
         if rate_kbps is not None:
             argv += ["--rate-limit", rate_kbps]
-        return self.client(argv, f"pellorin-{connections}", limit_s)
+        return self.client(argv, f"pellorin-{connections}", limit_s, pinned)
 
-    def curl(self, config, connections, rate_bytes=None, limit_s=600):
+    def curl(self, config, connections, rate_bytes=None, limit_s=600, pinned=True):
         """Starts curl sending the parts of `config`, `connections` at a time."""
         argv = ["curl", "--parallel", "--parallel-immediate", "--parallel-max", connections,
-                "--silent", "--show-error", "--fail", "--config", config]
+                "--silent", "--show-error", "--no-progress-meter", "--fail", "--config", config]
         if rate_bytes is not None:
             argv += ["--limit-rate", int(rate_bytes)]
-        return self.client(argv, f"curl-{connections}", limit_s)
+        return self.client(argv, f"curl-{connections}", limit_s, pinned)
 
 
 def run_ok(child, what):
@@ -72,6 +77,41 @@ def summary(runs, value):
 
 def alternate(repetition, first, second):
     return (first, second) if repetition % 2 == 0 else (second, first)
+
+
+class Job:
+    """One file and its parts, as pellorin's reservation and as curl's configuration, both aimed
+    at `url_for` (a server's or the relay's). The file and the pre-cut parts are made once per
+    run and read once, so that they sit in the page cache before anything is timed."""
+
+    def __init__(self, bench, name, size, part_size, url_for, file_name=None, with_curl=True,
+                 pinned=True):
+        file_name = file_name or name
+        self.bench = bench
+        self.pinned = pinned
+        self.size = size
+        self.file = workload.make_file(bench.path(f"{file_name}.bin"), size)
+        workload.read_through(self.file)
+        self.reservation = workload.write_reservation(
+            bench.path(f"{name}.json"), self.file, size, part_size, url_for)
+        if with_curl:
+            cut = workload.cut_parts(self.file, part_size, bench.path(f"{file_name}-parts"))
+            for part in cut:
+                workload.read_through(part)
+            self.config = workload.write_curl_config(
+                bench.path(f"{name}.curl"), self.file, cut, part_size, url_for)
+
+    def start(self, tool, connections, cap=None, limit_s=600):
+        """Starts `tool` ("pellorin" or "curl") on this job; `cap` in bytes per second is the
+        total for pellorin and is shared out per transfer for curl, whose limit is per
+        transfer."""
+        if tool == "pellorin":
+            return self.bench.upload(self.reservation, connections,
+                                     rate_kbps=None if cap is None else cap // 1000,
+                                     limit_s=limit_s, pinned=self.pinned)
+        return self.bench.curl(self.config, connections,
+                               rate_bytes=None if cap is None else cap / connections,
+                               limit_s=limit_s, pinned=self.pinned)
 
 
 # --- the single-core MD5 limit ------------------------------------------------------------------
@@ -95,31 +135,20 @@ def md5_speed(bench, elapsed=False):
 # --- 1 and 2: throughput, and client CPU per GiB -----------------------------------------------
 
 def throughput(bench, size, part_size, connection_counts, repetitions):
-    big = workload.make_file(bench.path("throughput.bin"), size)
-    cut = workload.cut_parts(big, part_size, bench.path("throughput-parts"))
-    workload.read_through(big)
-    for p in cut:
-        workload.read_through(p)
     runs = {n: {"pellorin": [], "curl": []} for n in connection_counts}
     digests = []
     with bench.server() as server:
-        reservation = workload.write_reservation(
-            bench.path("throughput.json"), big, size, part_size, server.url)
-        config = workload.write_curl_config(
-            bench.path("throughput.curl"), big, cut, part_size, server.url)
-        tools = {
-            "pellorin": lambda n: bench.upload(reservation, n),
-            "curl": lambda n: bench.curl(config, n),
-        }
+        job = Job(bench, "throughput", size, part_size, server.url)
         for repetition in range(repetitions):
             for index, n in enumerate(connection_counts):
                 for tool in alternate(repetition + index, "pellorin", "curl"):
                     before = server.cpu_seconds()
-                    run = run_ok(tools[tool](n), f"{tool} with {n} connections")
+                    run = run_ok(job.start(tool, n), f"{tool} with {n} connections")
                     run.receiver_cpu_s = server.cpu_seconds() - before
                     runs[n][tool].append(run)
-            digests.append(run_ok(bench.client(["openssl", "dgst", "-md5", big], "openssl-dgst"),
-                                  "openssl dgst"))
+            digests.append(run_ok(
+                bench.client(["openssl", "dgst", "-md5", job.file], "openssl-dgst"),
+                "openssl dgst"))
     points = []
     for n in connection_counts:
         point = {"connections": n}
@@ -144,12 +173,9 @@ def throughput(bench, size, part_size, connection_counts, repetitions):
 # --- 3: peak memory ---------------------------------------------------------------------------
 
 def memory(bench, size, part_size, connections):
-    big = workload.make_file(bench.path("memory.bin"), size)
-    workload.read_through(big)
     with bench.server() as server:
-        reservation = workload.write_reservation(
-            bench.path("memory.json"), big, size, part_size, server.url)
-        run = run_ok(bench.upload(reservation, connections), "pellorin (memory)")
+        job = Job(bench, "memory", size, part_size, server.url, with_curl=False)
+        run = run_ok(job.start("pellorin", connections), "pellorin (memory)")
     return {"file_bytes": size, "part_bytes": part_size, "connections": connections,
             "max_rss_bytes": run.max_rss_bytes, "bytes_per_s": size / run.wall_s}
 
@@ -158,28 +184,17 @@ def memory(bench, size, part_size, connections):
 
 def rate_limit(bench, caps, seconds, part_size, connections):
     results = []
-    with bench.server() as server:
+    with bench.server(pinned=False) as server:
         relay = proxy.CountingRelay(server.port)
         try:
             for index, cap in enumerate(caps):
                 size = int(cap * seconds)
-                name = f"rate-{cap}.bin"
-                big = workload.make_file(bench.path(name), size)
-                cut = workload.cut_parts(big, part_size, bench.path(f"rate-{cap}-parts"))
-                reservation = workload.write_reservation(
-                    bench.path(f"rate-{cap}.json"), big, size, part_size, relay.url)
-                config = workload.write_curl_config(
-                    bench.path(f"rate-{cap}.curl"), big, cut, part_size, relay.url)
+                job = Job(bench, f"rate-{cap}", size, part_size, relay.url, pinned=False)
                 result = {"cap_bytes_per_s": cap, "file_bytes": size,
                           "part_bytes": part_size, "connections": connections}
                 for tool in alternate(index, "pellorin", "curl"):
                     relay.reset()
-                    if tool == "pellorin":
-                        child = bench.upload(reservation, connections, rate_kbps=cap // 1000,
-                                             limit_s=10 * seconds + 60)
-                    else:  # curl's limit is per transfer: the cap shared by the connections
-                        child = bench.curl(config, connections, rate_bytes=cap / connections,
-                                           limit_s=10 * seconds + 60)
+                    child = job.start(tool, connections, cap=cap, limit_s=10 * seconds + 60)
                     run = run_ok(child, f"{tool} under a rate limit")
                     result[tool] = wire_figures(relay.slots(), cap, run)
                     if tool == "pellorin":
@@ -212,21 +227,12 @@ def wire_figures(slots, cap, run):
 # --- 5: many small parts ----------------------------------------------------------------------
 
 def small_parts(bench, count, part_size, connections, repetitions):
-    size = count * part_size
-    big = workload.make_file(bench.path("small.bin"), size)
-    cut = workload.cut_parts(big, part_size, bench.path("small-parts"))
-    workload.read_through(big)
     runs = {"pellorin": [], "curl": []}
-    with bench.server() as server:
-        reservation = workload.write_reservation(
-            bench.path("small.json"), big, size, part_size, server.url)
-        config = workload.write_curl_config(
-            bench.path("small.curl"), big, cut, part_size, server.url)
+    with bench.server(pinned=False) as server:
+        job = Job(bench, "small", count * part_size, part_size, server.url, pinned=False)
         for repetition in range(repetitions):
             for tool in alternate(repetition, "pellorin", "curl"):
-                child = (bench.upload(reservation, connections) if tool == "pellorin"
-                         else bench.curl(config, connections))
-                runs[tool].append(run_ok(child, f"{tool} (small parts)"))
+                runs[tool].append(run_ok(job.start(tool, connections), f"{tool} (small parts)"))
     result = {"parts": count, "part_bytes": part_size, "connections": connections,
               "repetitions": repetitions}
     for tool, tool_runs in runs.items():
@@ -240,35 +246,26 @@ def small_parts(bench, count, part_size, connections, repetitions):
 def cancellation(bench, size, part_size, connections, repetitions, delay_s=0.4):
     """SIGINT `delay_s` into an upload of the throughput file; the time until the process is
     gone. curl, interrupted the same way, is the peer."""
-    big = workload.make_file(bench.path("throughput.bin"), size)
-    cut = workload.cut_parts(big, part_size, bench.path("throughput-parts"))
     latencies = {"pellorin": [], "curl": []}
-    finished_first = {"pellorin": 0, "curl": 0}
-    with bench.server() as server:
-        reservation = workload.write_reservation(
-            bench.path("cancel.json"), big, size, part_size, server.url)
-        config = workload.write_curl_config(
-            bench.path("cancel.curl"), big, cut, part_size, server.url)
+    exit_codes = {"pellorin": [], "curl": []}
+    with bench.server(pinned=False) as server:
+        job = Job(bench, "cancel", size, part_size, server.url, file_name="throughput",
+                  pinned=False)
         for repetition in range(repetitions):
             for tool in alternate(repetition, "pellorin", "curl"):
-                child = (bench.upload(reservation, connections, limit_s=60) if tool == "pellorin"
-                         else bench.curl(config, connections, limit_s=60))
+                child = job.start(tool, connections, limit_s=60)
                 time.sleep(delay_s)
                 signalled = time.monotonic()
-                try:
-                    child.signal(signal.SIGINT)
-                except ProcessLookupError:
-                    pass
+                child.signal(signal.SIGINT)
                 run = child.wait()
-                if run.exit_code == 0:
-                    finished_first[tool] += 1  # done before the signal: no latency to measure
-                    continue
-                latencies[tool].append(child.started + run.wall_s - signalled)
+                exit_codes[tool].append(run.exit_code)
+                if run.exit_code != 0:  # 0: done before the signal, no latency to measure
+                    latencies[tool].append(child.started + run.wall_s - signalled)
     result = {"file_bytes": size, "connections": connections, "signal_after_s": delay_s}
     for tool, values in latencies.items():
         if not values:
             raise RuntimeError(f"{tool} finished before every SIGINT: no latency measured")
         result[tool] = {"latency_s": {"median": statistics.median(values), "max": max(values),
                                       "values": values},
-                        "finished_before_signal": finished_first[tool]}
+                        "exit_codes": exit_codes[tool]}
     return result
