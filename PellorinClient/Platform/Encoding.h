@@ -1,4 +1,5 @@
-// Text encodings of bytes: lower-case hexadecimal and strict base64. Pure functions, any thread.
+// Text encodings of bytes: lower-case hexadecimal, strict base64 and the UTF-8 check. Pure
+// functions, any thread.
 #pragma once
 
 #include <cstdint>
@@ -20,5 +21,9 @@ std::optional<std::vector<uint8_t>> base64DecodeStrict(std::string_view text);
 
 // Standard-alphabet base64 with padding.
 std::string base64Encode(std::span<const uint8_t> bytes);
+
+// True when `text` is well-formed UTF-8: no overlong forms, no surrogates, nothing past U+10FFFF,
+// no truncated sequence.
+bool isValidUtf8(std::string_view text);
 
 }  // namespace pellorin

@@ -1,7 +1,8 @@
 // The reservation service's records: the JSON-RPC envelope, the reservation request the client
 // sends, the reservations and upload operations the service answers with, and the operation pairs
 // of a reservation file. All are plain values, safe to copy and to use from any thread; the coding
-// functions at the end are pure and may run on any thread.
+// functions are pure and may run on any thread. Last, the test-reservation call that asks the
+// service for operations and writes a reservation file.
 #pragma once
 
 #include <cstdint>
@@ -198,5 +199,33 @@ PELLORIN_EXPORT std::string encodeJSONRPCRequest(
 // Throws ReservationDecodeError.
 PELLORIN_EXPORT JSONRPCRequest<CreateReservationRequest> decodeCreateReservationRequest(
     std::string_view jsonText);
+
+// Obtains real upload operations for one local file from the reservation service and writes them
+// to `reservationFile` (created or replaced) as a JSON array of {"filePath", "operation"} objects,
+// every filePath being `filePath` as given, in reservation order then operation order; or the
+// four characters null when the service reserved nothing.
+//
+// Describes the file (its name, size and SHA-256 digest), prints the pretty-printed JSON-RPC call
+// "createTestReservation" to standard output (password included, in clear: keep that output
+// private), posts it to the service instance numbered `qeld` and blocks the calling thread until
+// the answer has been handled on the HTTP session's callback thread. An answer that cannot be
+// decoded or written prints two lines to standard output (the error, then the answer's body) and
+// leaves the reservation file as it was; the call then returns normally.
+//
+// !!! AN ANSWER WITHOUT ANY BODY (host unreachable, connection lost, empty answer) MAKES THIS CALL
+// !!! BLOCK FOR EVER: nothing is printed, nothing is written and the caller is never released.
+// !!! This test tool behaves so on purpose. Call it from a thread that may be lost, or run it in a
+// !!! process that a supervisor can stop.
+//
+// Throws, before anything is sent: PellorinError (kind error, with the file error's description)
+// when reading the file for its digest fails; ReservationEncodeError when a text of the call is
+// not valid UTF-8. Fatal stops: the file's attributes cannot be read or the file cannot be
+// opened; the answer's body is not valid UTF-8 when it has to be printed; the call is made on the
+// shared HTTP session's callback thread (it would wait on itself).
+PELLORIN_EXPORT void createTestReservationFile(const std::string& reservationFile,
+                                               const std::string& filePath, uint8_t qeld,
+                                               const std::string& username,
+                                               const std::string& password,
+                                               const std::optional<std::string>& provider);
 
 }  // namespace pellorin

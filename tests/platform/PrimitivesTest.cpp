@@ -106,6 +106,20 @@ TEST(EncodingTest, StrictBase64AndHex) {
     EXPECT_EQ(base64DecodeStrict(base64Encode(bytes)), bytes);
 }
 
+TEST(EncodingTest, Utf8Check) {
+    for (const char* good : {"", "plain", "caf\xc3\xa9", "\xe2\x82\xac", "\xed\x9f\xbf",
+                             "\xf0\x9f\x98\x80", "\xf4\x8f\xbf\xbf"}) {
+        EXPECT_TRUE(isValidUtf8(good)) << good;
+    }
+    // Overlong forms, a surrogate, past U+10FFFF, a stray continuation, truncated sequences.
+    for (const char* bad :
+         {"\xc0\xaf", "\xc1\xbf", "\xe0\x9f\xbf", "\xed\xa0\x80", "\xf0\x8f\xbf\xbf",
+          "\xf4\x90\x80\x80", "\xf5\x80\x80\x80", "a\x80", "\xe2\x82", "\xf0\x9f\x98", "\xc3"}) {
+        EXPECT_FALSE(isValidUtf8(bad)) << bad;
+    }
+    EXPECT_FALSE(isValidUtf8(std::string_view("\xe2\x82\xac", 2)));
+}
+
 TEST(UrlTest, ParsesNormalisesAndRejects) {
     const auto plain = Url::parse("http://h");
     ASSERT_TRUE(plain);

@@ -25,17 +25,22 @@ BodySink::BodySink() : md5_(EVP_MD_CTX_new(), freeDigestContext) {
 
 BodySink::~BodySink() = default;
 
-void BodySink::begin(UniqueFd file, uint64_t offset) {
+void BodySink::begin(UniqueFd file, uint64_t offset, bool keep) {
     // Re-initialising with the same type keeps the fetched implementation: no lookup per body.
     EVP_DigestInit_ex(md5_.get(), nullptr, nullptr);
     file_ = std::move(file);
     offset_ = offset;
     bytes_ = 0;
     writeError_.clear();
+    keep_ = keep;
+    kept_.clear();
 }
 
 void BodySink::consume(const uint8_t* data, size_t size) {
     EVP_DigestUpdate(md5_.get(), data, size);
+    if (keep_) {
+        kept_.append(reinterpret_cast<const char*>(data), size);
+    }
     size_t written = 0;
     while (file_ && written < size) {
         const ssize_t result = ::pwrite(file_.get(), data + written, size - written,

@@ -24,8 +24,9 @@ class BodySink {
     BodySink(const BodySink&) = delete;
     BodySink& operator=(const BodySink&) = delete;
 
-    // Starts a body: a fresh digest, and `file` (when open) written from byte `offset` on.
-    void begin(UniqueFd file, uint64_t offset);
+    // Starts a body: a fresh digest, `file` (when open) written from byte `offset` on, and the
+    // bytes kept in memory when `keep` (for small bodies the receiver reads itself).
+    void begin(UniqueFd file, uint64_t offset, bool keep = false);
     // Hashes the bytes and writes them to the file. After a failed write the file is dropped,
     // the reason kept in writeError(), and hashing goes on.
     void consume(const uint8_t* data, size_t size);
@@ -33,6 +34,8 @@ class BodySink {
     Digest finish();
 
     uint64_t bytes() const { return bytes_; }
+    // The bytes consumed since begin(keep = true); empty otherwise.
+    const std::string& kept() const { return kept_; }
     const std::string& writeError() const { return writeError_; }
 
   private:
@@ -41,6 +44,8 @@ class BodySink {
     uint64_t offset_ = 0;
     uint64_t bytes_ = 0;
     std::string writeError_;
+    bool keep_ = false;
+    std::string kept_;
 };
 
 }  // namespace pellorin::receiver

@@ -11,6 +11,7 @@
 #include <string_view>
 
 #include "Platform/Encoding.h"
+#include "receiver/ReservationEndpoint.h"
 
 namespace pellorin::receiver {
 
@@ -65,11 +66,13 @@ std::optional<std::pair<std::string, std::string>> checksumHeader(BodySink::Dige
 }  // namespace
 
 ConnectionHandler::ConnectionHandler(Connection& connection, RequestLog& log,
-                                     const StopSignal& stop, const ReceiverOptions& options)
+                                     const StopSignal& stop, const ReceiverOptions& options,
+                                     std::string baseUrl)
     : connection_(connection),
       log_(log),
       stop_(stop),
       options_(options),
+      baseUrl_(std::move(baseUrl)),
       buffer_(std::make_unique_for_overwrite<uint8_t[]>(kBufferSize)) {}
 
 void ConnectionHandler::run() {
@@ -160,6 +163,9 @@ ConnectionHandler::Route ConnectionHandler::route(const RequestHead& head) const
     }
     constexpr std::string_view prefix = "/upload/";
     const std::string_view path = head.path();
+    if (path == kReservationPath) {
+        return reservationRoute(head, std::move(route));
+    }
     if (!path.starts_with(prefix)) {
         route.status = 404;
         route.message = "no such resource\n";
@@ -201,6 +207,27 @@ ConnectionHandler::Route ConnectionHandler::route(const RequestHead& head) const
     return route;
 }
 
+ConnectionHandler::Route ConnectionHandler::reservationRoute(const RequestHead& head, Route route) {
+    route.reservation = true;
+    if (head.method != "POST") {
+        route.status = 405;
+        route.message = "reservation calls take POST\n";
+    } else if (head.header("x-tx-method") != kReservationMethod) {
+        route.status = 400;
+        route.message = "x-tx-method must be " + std::string(kReservationMethod) + "\n";
+    } else if (!head.header("Content-Length")) {
+        route.status = 411;
+        route.message = "reservation calls need Content-Length\n";
+    } else if (route.bodyLength > kMaxReservationCallSize) {
+        // Not read at all: the connection is closed after the answer.
+        route.status = 413;
+        route.message =
+            "reservation call larger than " + std::to_string(kMaxReservationCallSize) + " bytes\n";
+        route.framed = false;
+    }
+    return route;
+}
+
 ConnectionHandler::Next ConnectionHandler::serve(const RequestHead& head) {
     RequestRecord record;
     record.method = head.method;
@@ -237,7 +264,7 @@ ConnectionHandler::Next ConnectionHandler::serve(const RequestHead& head) {
     const uint64_t toRead = route.framed ? route.bodyLength : 0;
     const uint64_t limit =
         fault.closeAfterBodyBytes ? std::min(toRead, *fault.closeAfterBodyBytes) : toRead;
-    sink_.begin(std::move(route.file), route.offset);
+    sink_.begin(std::move(route.file), route.offset, route.reservation && route.status == 200);
     const bool complete = readBody(limit);
     const BodySink::Digest digest = sink_.finish();
     record.bytesReceived = sink_.bytes();
@@ -258,9 +285,17 @@ ConnectionHandler::Next ConnectionHandler::serve(const RequestHead& head) {
         route.status = 500;
         route.message = "cannot write the part: " + sink_.writeError() + "\n";
     }
+    std::string body = route.message;
+    std::string contentType = "text/plain; charset=utf-8";
+    if (route.reservation && route.status == 200) {
+        EndpointReply reply = answerReservationCall(sink_.kept(), options_, baseUrl_);
+        route.status = reply.status;
+        body = std::move(reply.body);
+        contentType = std::move(reply.contentType);
+    }
     const int status = route.status == 200 ? fault.status.value_or(200) : route.status;
     Headers headers;
-    if (status / 100 == 2) {
+    if (status / 100 == 2 && !route.reservation) {
         if (auto checksum = checksumHeader(digest, options_.checksumMode, fault)) {
             headers.push_back(std::move(*checksum));
         }
@@ -272,13 +307,13 @@ ConnectionHandler::Next ConnectionHandler::serve(const RequestHead& head) {
                          (head.version == "HTTP/1.0" && !head.hasToken("Connection", "keep-alive"));
 
     record.status = status;
-    record.accepted =
-        status == 200 && !fault.noChecksum && !fault.wrongChecksum && !fault.quotedETag;
+    record.accepted = status == 200 && !route.reservation && !fault.noChecksum &&
+                      !fault.wrongChecksum && !fault.quotedETag;
     record.finished = std::chrono::steady_clock::now();
     visit.complete(record);
 
-    if (!answer(status, std::move(headers), status == 200 ? std::string() : route.message,
-                closing)) {
+    if (!answer(status, std::move(headers), status == 200 && !route.reservation ? "" : body,
+                closing, contentType)) {
         return Next::drop;
     }
     if (!closing) {
@@ -306,10 +341,11 @@ bool ConnectionHandler::readBody(uint64_t length) {
     return true;
 }
 
-bool ConnectionHandler::answer(int status, Headers headers, const std::string& body, bool closing) {
+bool ConnectionHandler::answer(int status, Headers headers, const std::string& body, bool closing,
+                               std::string_view contentType) {
     headers.emplace_back("Content-Length", std::to_string(body.size()));
     if (!body.empty()) {
-        headers.emplace_back("Content-Type", "text/plain; charset=utf-8");
+        headers.emplace_back("Content-Type", contentType);
     }
     if (closing) {
         headers.emplace_back("Connection", "close");

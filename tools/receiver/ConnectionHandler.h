@@ -1,6 +1,6 @@
 // Serves the requests of one connection, one after another (keep-alive), applying each request's
-// fault. Created and run by the connection's thread, which owns it; the connection, log, stop
-// signal and options must outlive it.
+// fault: uploads, and calls of the reservation endpoint. Created and run by the connection's
+// thread, which owns it; the connection, log, stop signal and options must outlive it.
 #pragma once
 
 #include <cstddef>
@@ -8,6 +8,7 @@
 #include <memory>
 #include <optional>
 #include <string>
+#include <string_view>
 
 #include "receiver/BodySink.h"
 #include "receiver/Connection.h"
@@ -20,8 +21,9 @@ namespace pellorin::receiver {
 
 class ConnectionHandler {
   public:
+    // `baseUrl` is the receiver's own ("http://127.0.0.1:<port>"), for the reservation answers.
     ConnectionHandler(Connection& connection, RequestLog& log, const StopSignal& stop,
-                      const ReceiverOptions& options);
+                      const ReceiverOptions& options, std::string baseUrl);
 
     // Returns when the peer closes, a request or answer ends the connection, a fault drops it,
     // or the receiver stops.
@@ -43,24 +45,29 @@ class ConnectionHandler {
         uint64_t bodyLength = 0;
         UniqueFd file;  // where an upload's body is written, when a directory is set
         uint64_t offset = 0;
+        bool reservation = false;  // a call of the reservation endpoint, not an upload
     };
     enum class HeadOutcome { ok, closed, tooLarge };
 
     // Reads up to the blank line that ends a head; leaves any bytes after it in the buffer.
     HeadOutcome readHead(std::string& text);
     Route route(const RequestHead& head) const;
+    // The reservation endpoint's checks of a head; `route` holds what route() found so far.
+    static Route reservationRoute(const RequestHead& head, Route route);
     Next serve(const RequestHead& head);
     // Feeds up to `length` body bytes (buffered ones first) to the sink; false when the stream
     // ended first.
     bool readBody(uint64_t length);
     // Writes a complete answer; false when the stream failed.
     bool answer(int status, std::vector<std::pair<std::string, std::string>> headers,
-                const std::string& body, bool closing);
+                const std::string& body, bool closing,
+                std::string_view contentType = "text/plain; charset=utf-8");
 
     Connection& connection_;
     RequestLog& log_;
     const StopSignal& stop_;
     const ReceiverOptions& options_;
+    const std::string baseUrl_;
     BodySink sink_;
     std::unique_ptr<uint8_t[]> buffer_;  // holds bytes read but not yet used in [begin_, end_)
     size_t begin_ = 0;

@@ -20,6 +20,7 @@
 #include "receiver/Connection.h"
 #include "receiver/ConnectionHandler.h"
 #include "receiver/RequestLog.h"
+#include "receiver/ReservationEndpoint.h"
 #include "receiver/StopSignal.h"
 #include "receiver/TlsIdentity.h"
 #include "receiver/UniqueFd.h"
@@ -162,7 +163,7 @@ class Receiver::Impl {
         blockSigpipeOnThisThread();
         try {
             Connection connection(std::move(socket), tls_ ? tls_->context() : nullptr, stop_);
-            ConnectionHandler(connection, log_, stop_, options_).run();
+            ConnectionHandler(connection, log_, stop_, options_, baseUrl()).run();
         } catch (const std::exception&) {
             // Out of memory or resources for this connection: closing it is all that can be done.
         }
@@ -215,7 +216,7 @@ std::string Receiver::baseUrl() const {
 }
 
 std::string Receiver::partUrl(const std::string& name, uint64_t offset) const {
-    return baseUrl() + "/upload/" + name + "?offset=" + std::to_string(offset);
+    return receiver::partUrl(baseUrl(), name, offset);
 }
 
 std::string Receiver::certificateFile() const {

@@ -1,7 +1,9 @@
 // The local receiver: a small HTTP/1.1 upload server on 127.0.0.1 that tests, benchmarks and
 // the command-line host upload parts to. It hashes every body with MD5 while reading it, can write
 // the bodies into files at their offsets, answers with the checksum header the client verifies,
-// records every request, and misbehaves on demand through a fault script.
+// records every request, and misbehaves on demand through a fault script. It also stands in for the
+// reservation service: a JSON-RPC call "createTestReservation" is answered with operations that
+// upload to the receiver itself.
 //
 // Why hand-written sockets rather than an HTTP server library: most of what this server exists
 // for is below the level such libraries expose. Dropping a connection after N body bytes, stalling
@@ -70,6 +72,13 @@ struct RequestRecord {
     std::chrono::steady_clock::time_point started, finished;
 };
 
+// What the reservation endpoint answers to a well-formed call.
+enum class ReservationAnswer {
+    reservations,    // one reservation per described file, Success true
+    noReservations,  // Success false with one error text, no "Reservations" key
+    undecodable,     // 200 with a UTF-8 body that is not a JSON-RPC answer
+};
+
 struct ReceiverOptions {
     ChecksumMode checksumMode = ChecksumMode::contentMD5;
     // When set, the body of PUT/POST /upload/<name>?offset=N is written into <directory>/<name>
@@ -81,6 +90,11 @@ struct ReceiverOptions {
     // server also lowers its security level so that the old protocol can be negotiated at all.
     std::optional<int> tlsMaxVersion;
     uint16_t port = 0;  // 0: an ephemeral port
+    // The reservation endpoint (POST <kReservationPath> with "x-tx-method: createTestReservation")
+    // cuts each described file into operations of this many bytes (the last one shorter; 0 is
+    // taken as 1), each a PUT to partUrl(<file name>, offset).
+    uint64_t reservationPartSize = uint64_t{8} << 20;
+    ReservationAnswer reservationAnswer = ReservationAnswer::reservations;
 };
 
 // The server. One accept thread and one thread per connection, all owned and joined by the
@@ -104,7 +118,7 @@ class Receiver {
 
     uint16_t port() const;
     std::string baseUrl() const;  // "http://127.0.0.1:<port>" or "https://127.0.0.1:<port>"
-    // baseUrl() + "/upload/<name>?offset=<offset>"
+    // baseUrl() + "/upload/<name>?offset=<offset>", the name percent-encoded.
     std::string partUrl(const std::string& name, uint64_t offset) const;
     // Path of the PEM certificate (TLS mode, after start()); empty otherwise. The file lives in a
     // temporary directory that is removed when the Receiver goes away.
