@@ -189,7 +189,12 @@ def markdown(results):
             f"Small parts: {s['parts']} parts of {s['part_bytes'] // 1024} KiB, "
             f"{s['connections']} connections; parts/s median (min-max) of {s['repetitions']}: "
             f"pellorin {_spread(s['pellorin']['parts_per_s'], 1)}, "
-            f"curl {_spread(s['curl']['parts_per_s'], 1)}.",
+            f"curl {_spread(s['curl']['parts_per_s'], 1)}. CPU per part, client and receiver: "
+            f"pellorin {s['pellorin']['cpu_ms_per_part']['median']:.2f} ms and "
+            f"{s['pellorin']['receiver_cpu_ms_per_part']['median']:.2f} ms, curl "
+            f"{s['curl']['cpu_ms_per_part']['median']:.2f} ms and "
+            f"{s['curl']['receiver_cpu_ms_per_part']['median']:.2f} ms: pellorin gives each "
+            "part a session and so a connection of its own, curl keeps its connections alive.",
         ]
     c = results.get("cancellation")
     if c:

@@ -232,12 +232,19 @@ def small_parts(bench, count, part_size, connections, repetitions):
         job = Job(bench, "small", count * part_size, part_size, server.url, pinned=False)
         for repetition in range(repetitions):
             for tool in alternate(repetition, "pellorin", "curl"):
-                runs[tool].append(run_ok(job.start(tool, connections), f"{tool} (small parts)"))
+                before = server.cpu_seconds()
+                run = run_ok(job.start(tool, connections), f"{tool} (small parts)")
+                run.receiver_cpu_s = server.cpu_seconds() - before
+                runs[tool].append(run)
     result = {"parts": count, "part_bytes": part_size, "connections": connections,
               "repetitions": repetitions}
     for tool, tool_runs in runs.items():
-        result[tool] = {"parts_per_s": summary(tool_runs, lambda r: count / r.wall_s),
-                        "cpu_s": summary(tool_runs, lambda r: r.cpu_s)}
+        result[tool] = {
+            "parts_per_s": summary(tool_runs, lambda r: count / r.wall_s),
+            "cpu_ms_per_part": summary(tool_runs, lambda r: 1000 * r.cpu_s / count),
+            "receiver_cpu_ms_per_part": summary(
+                tool_runs, lambda r: 1000 * r.receiver_cpu_s / count),
+        }
     return result
 
 
