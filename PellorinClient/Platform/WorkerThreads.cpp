@@ -4,6 +4,8 @@
 
 #include <chrono>
 #include <condition_variable>
+#include <cstdlib>
+#include <memory>
 #include <mutex>
 
 namespace pellorin::workerThreads {
@@ -16,17 +18,21 @@ struct DetachedThreads {
     std::mutex mutex;
     std::condition_variable finished;
     long running = 0;  // guarded by mutex
-
-    // At process exit, give detached workers a moment to finish before the process goes away.
-    ~DetachedThreads() {
-        std::unique_lock lock(mutex);
-        finished.wait_for(lock, std::chrono::seconds(2), [&] { return running == 0; });
-    }
 };
 
+// Never destroyed: a detached worker may still be finishing after the process began to exit.
 DetachedThreads& detachedThreads() {
-    static DetachedThreads instance;
-    return instance;
+    static DetachedThreads* const instance = [] {
+        DetachedThreads* threads = std::make_unique<DetachedThreads>().release();
+        // Runs before sanitizers' own exit checks, which were registered earlier.
+        std::atexit([] {
+            DetachedThreads& t = detachedThreads();
+            std::unique_lock lock(t.mutex);
+            t.finished.wait_for(lock, std::chrono::seconds(5), [&] { return t.running == 0; });
+        });
+        return threads;
+    }();
+    return *instance;
 }
 
 }  // namespace

@@ -190,13 +190,15 @@ TEST(ClientResources, NoThreadOrDescriptorIsLeftAfterAClientGoesAway) {
         EXPECT_EQ(t.run(), 0);
     }
     // Threads that were told to stop may take a moment to be gone, and close their sockets.
-    for (int i = 0; i < 250 && (countEntries("/proc/self/task") != threads ||
-                                countEntries("/proc/self/fd") != descriptors);
+    // A leak shows as more than before; a warm-up thread still exiting at the first count may make
+    // the later counts lower.
+    for (int i = 0; i < 250 && (countEntries("/proc/self/task") > threads ||
+                                countEntries("/proc/self/fd") > descriptors);
          ++i) {
         std::this_thread::sleep_for(std::chrono::milliseconds(20));
     }
-    EXPECT_EQ(countEntries("/proc/self/task"), threads);
-    EXPECT_EQ(countEntries("/proc/self/fd"), descriptors);
+    EXPECT_LE(countEntries("/proc/self/task"), threads);
+    EXPECT_LE(countEntries("/proc/self/fd"), descriptors);
 }
 
 }  // namespace

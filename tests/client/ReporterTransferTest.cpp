@@ -21,15 +21,21 @@ std::set<std::string> keysOf(const std::string& json) {
     return keys;
 }
 
-TEST(ReporterTransfer, OnePartTransferLogsStartProgressCompletionAndMetrics) {
-    Transfer t(300 * 1024, 1);
+// Runs a one-part transfer with a reporter at `level` and returns what the reporter logged.
+std::shared_ptr<LogRecord> reportOnePart(Logger::Level level, uint64_t size) {
+    Transfer t(size, 1);
     auto lines = std::make_shared<LogRecord>();
     auto reporter = std::make_shared<LoggingProgressReporter>(
         Logger("reporter", std::make_unique<RecordingLogHandler>(lines)));
-    reporter->logger().setLogLevel(Logger::Level::info);
+    reporter->logger().setLogLevel(level);
     t.client->addDelegate(reporter, nullptr);
-    t.submitParts(300 * 1024);
-    ASSERT_EQ(t.run(), 0);
+    t.submitParts(size);
+    EXPECT_EQ(t.run(), 0);
+    return lines;
+}
+
+TEST(ReporterTransfer, OnePartTransferLogsStartProgressCompletionAndMetrics) {
+    const auto lines = reportOnePart(Logger::Level::info, 300 * 1024);
 
     const auto entries = lines->entries();
     ASSERT_GE(entries.size(), 4u);
@@ -56,15 +62,7 @@ TEST(ReporterTransfer, OnePartTransferLogsStartProgressCompletionAndMetrics) {
 }
 
 TEST(ReporterTransfer, ReporterAboveNoticePrintsNothing) {
-    Transfer t(64 * 1024, 1);
-    auto lines = std::make_shared<LogRecord>();
-    auto reporter = std::make_shared<LoggingProgressReporter>(
-        Logger("reporter", std::make_unique<RecordingLogHandler>(lines)));
-    reporter->logger().setLogLevel(Logger::Level::warning);
-    t.client->addDelegate(reporter, nullptr);
-    t.submitParts(64 * 1024);
-    ASSERT_EQ(t.run(), 0);
-    EXPECT_EQ(lines->count(), 0u);
+    EXPECT_EQ(reportOnePart(Logger::Level::warning, 64 * 1024)->count(), 0u);
 }
 
 }  // namespace
