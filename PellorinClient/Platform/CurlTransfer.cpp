@@ -14,8 +14,13 @@ namespace {
 
 using Clock = std::chrono::steady_clock;
 
-constexpr long kUploadBufferSize = 2 * 1024 * 1024;  // libcurl's largest upload buffer
-constexpr int64_t kProgressBytes = 256 * 1024;       // coalesce progress up to this much
+// Each read callback pulls up to this much straight from the file. Large enough that the per-read
+// costs (a pread, a digest update, a send) vanish; no larger, because libcurl mallocs the buffer
+// per transfer on the transfer's own short-lived thread: glibc serves it from that thread's arena
+// and keeps freed arena memory resident, so with 2 MiB buffers sixteen connections held about
+// 40 MiB more than they used.
+constexpr long kUploadBufferSize = 512 * 1024;
+constexpr int64_t kProgressBytes = 256 * 1024;  // coalesce progress up to this much
 constexpr auto kProgressInterval = std::chrono::milliseconds(100);  // or up to this long
 constexpr size_t kMaxKeptResponseBody = 64 * 1024 * 1024;  // a kept reply larger is refused
 constexpr double kDefaultIdleSecs = 60.0;

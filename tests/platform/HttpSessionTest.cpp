@@ -33,7 +33,7 @@ TEST(HttpSessionTest, StreamedFileRangeArrivesIntactWithCallbacksInOrder) {
     TempDir dir;
     const auto file = dir.makeFile("source", (6 << 20) + 777, 7);
     const uint64_t offset = 1000003;
-    const size_t length = (5 << 20) + 321;  // crosses the 2 MiB read size and the coalescing
+    const size_t length = (5 << 20) + 321;  // crosses the read size and the coalescing
     std::vector<uint8_t> range = readRange(file, offset, length);
     receiver::Receiver receiver;
     receiver.start();

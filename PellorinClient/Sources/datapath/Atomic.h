@@ -80,11 +80,14 @@ class AtomicArray {
         array_.erase(array_.begin());
         return true;
     }
-    // Stable in-place sort.
+    // Stable in-place sort. An array already in order (the usual case for a queue that is
+    // sorted before every pop) is only checked: no allocation, no element moved.
     template <typename Less>
     void sort(Less&& less) {
         std::lock_guard lock(mutex_);
-        std::stable_sort(array_.begin(), array_.end(), less);
+        if (!std::is_sorted(array_.begin(), array_.end(), less)) {
+            std::stable_sort(array_.begin(), array_.end(), less);
+        }
     }
     // Walks the elements in order under the lock.
     template <typename F>
