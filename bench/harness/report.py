@@ -102,6 +102,7 @@ def markdown(results):
     md5 = results["md5_limit"]
     lines += [
         f"Measured {results['generated']} at commit `{results['commit']}`"
+        f"{'' if results['host_binary'].startswith('built') else ' with the host binary ' + results['host_binary']}"
         f"{' (quick pass)' if results['quick'] else ''}: {machine['cpu']}, {machine['cores']} cores, "
         f"load average {machine['load_start']:.1f} at the start and {machine['load_end']:.1f} at "
         f"the end. Single-core MD5 (`openssl speed -evp md5`, 1 MiB blocks): "
