@@ -227,7 +227,7 @@ def chart(results, png, scratch):
     top = max(md5, max(p[tool]["bytes_per_s"]["max"] / MiB for p in t["points"]
                        for tool in ("pellorin", "curl"))) * 1.15
     script = f"""
-set terminal pngcairo size 900,560 font ",11"
+set terminal pngcairo size 1000,560 font ",11"
 set output "{png}"
 set title "Upload throughput on loopback, {t['file_bytes'] / GiB:g} GiB in {t['part_bytes'] // MiB} MiB parts (median, min-max)"
 set xlabel "connections"
@@ -237,7 +237,7 @@ set xrange [0.8:20]
 set xtics ({", ".join(str(p["connections"]) for p in t["points"])})
 set yrange [0:{top:.0f}]
 set grid
-set key outside bottom center horizontal
+set key outside right top vertical
 plot "{data}" using 1:2:3:4 with yerrorlines lw 2 pt 7 title "pellorin", \\
      "{data}" using 1:5:6:7 with yerrorlines lw 2 pt 5 title "curl --parallel", \\
      {md5:.1f} with lines dt 2 lw 2 title "single-core MD5 ({md5:.0f} MiB/s)"
