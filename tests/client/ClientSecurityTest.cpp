@@ -38,6 +38,17 @@ void expectRefused(Transfer& t, int64_t code) {
     EXPECT_TRUE(t.receiver->requests().empty());
 }
 
+// A session configuration that trusts `certificate`, with the given minimum TLS version.
+std::function<SessionConfiguration()> trusting(std::string certificate, TLSVersion minimum) {
+    return [certificate, minimum] {
+        auto configuration = SessionConfiguration::ephemeral();
+        configuration.caFile = certificate;
+        configuration.minimumTLSVersion = minimum;
+        configuration.httpVersion = HttpVersion::http2;  // offered, and declined by the receiver
+        return configuration;
+    };
+}
+
 TEST(ClientSecurity, AnUntrustedCertificateFailsUnlessTheConfigurationNamesItsCA) {
     {
         Transfer t(kPart, 2, 0, tlsOptions());
@@ -45,28 +56,22 @@ TEST(ClientSecurity, AnUntrustedCertificateFailsUnlessTheConfigurationNamesItsCA
         expectRefused(t, URLError::serverCertificateUntrusted);
     }
     Transfer t(4 * kPart, 2, 0, tlsOptions());
-    const std::string certificate = t.receiver->certificateFile();
-    t.client->setSessionConfigurationSupplier([certificate] {
-        auto configuration = SessionConfiguration::ephemeral();
-        configuration.caFile = certificate;
-        return configuration;
-    });
+    t.client->setSessionConfigurationSupplier(
+        trusting(t.receiver->certificateFile(), TLSVersion::v1_2));
     t.submitParts(kPart);
     EXPECT_EQ(t.run(std::chrono::seconds(20)), 0);
     EXPECT_EQ(md5HexOfFile(t.copy()), md5HexOfFile(t.source));
 }
 
-TEST(ClientSecurity, TlsBelowOnePointTwoIsRefusedEvenWhenTheConfigurationAllowsIt) {
-    Transfer t(kPart, 2, 0, tlsOptions(TLS1_1_VERSION));
-    const std::string certificate = t.receiver->certificateFile();
-    t.client->setSessionConfigurationSupplier([certificate] {
-        auto configuration = SessionConfiguration::ephemeral();
-        configuration.caFile = certificate;
-        configuration.minimumTLSVersion = TLSVersion::v1_0;
-        return configuration;
-    });
-    t.submitParts(kPart);
-    expectRefused(t, URLError::secureConnectionFailed);
+TEST(ClientSecurity, TlsBelowTheConfiguredMinimumAndBelowOnePointTwoIsRefused) {
+    // The configuration may raise the minimum, never lower it below 1.2.
+    for (const auto& [serverMaximum, minimum] : {std::pair{TLS1_1_VERSION, TLSVersion::v1_0},
+                                                 std::pair{TLS1_2_VERSION, TLSVersion::v1_3}}) {
+        Transfer t(kPart, 2, 0, tlsOptions(serverMaximum));
+        t.client->setSessionConfigurationSupplier(trusting(t.receiver->certificateFile(), minimum));
+        t.submitParts(kPart);
+        expectRefused(t, URLError::secureConnectionFailed);
+    }
 }
 
 TEST(ClientSecurity, HeaderValuesOfPartsNeverReachTheLog) {

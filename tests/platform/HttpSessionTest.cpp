@@ -1,14 +1,13 @@
-// Streamed and one-shot uploads through the HTTP session service to the local receiver.
+// Streamed uploads through the HTTP session service to the local receiver, and cancellation.
 #include <gtest/gtest.h>
 
-#include <fstream>
+#include <algorithm>
 #include <future>
+#include <thread>
 
 #include "HttpTestSupport.h"
 #include "Platform/Encoding.h"
 #include "receiver/Receiver.h"
-#include "support/FileDigest.h"
-#include "support/TempDir.h"
 
 namespace pellorin::testing {
 namespace {
@@ -16,59 +15,35 @@ namespace {
 using namespace std::chrono_literals;
 using Kind = SessionEvent::Kind;
 
-std::vector<uint8_t> readRange(const std::filesystem::path& path, uint64_t offset, size_t length) {
-    std::vector<uint8_t> bytes(length);
-    std::ifstream in(path, std::ios::binary);
-    in.seekg(static_cast<std::streamoff>(offset));
-    in.read(reinterpret_cast<char*>(bytes.data()), static_cast<std::streamsize>(length));
-    return bytes;
-}
-
-bool sentExpectContinue(const receiver::RequestRecord& record) {
-    return std::any_of(record.headers.begin(), record.headers.end(),
-                       [](const auto& field) { return headerNamesEqual(field.first, "Expect"); });
-}
-
-TEST(HttpSessionTest, StreamedFileRangeArrivesIntactWithCallbacksInOrder) {
-    TempDir dir;
-    const auto file = dir.makeFile("source", (6 << 20) + 777, 7);
-    const uint64_t offset = 1000003;
+// Byte-exactness of what arrives is pinned through the client, which streams file ranges; here
+// the callbacks, the request's fields and the checksum header.
+TEST(HttpSessionTest, StreamedUploadSendsEveryFieldAndCallsBackInOrder) {
     const size_t length = (5 << 20) + 321;  // crosses the read size and the coalescing
-    std::vector<uint8_t> range = readRange(file, offset, length);
     receiver::Receiver receiver;
     receiver.start();
-
-    SessionHarness harness(
-        [&](UploadTask&) { return std::make_shared<MemoryInputStream>(std::move(range)); });
-    HttpRequest request = uploadRequest(receiver.partUrl("part", offset), length);
+    SessionHarness harness(bodyOf(length));
+    HttpRequest request = uploadRequest(receiver.partUrl("part", 0), length);
     request.addValue("one", "X-Twice");
     request.addValue("two", "X-Twice");
-    request.addValue("3", "X-PLNX-Part-Number");
     const std::optional<SessionEvent> completion = harness.runOne(request);
 
-    // The server got exactly the range, once, with both values of the doubled field.
-    const std::string md5 = md5HexOfRange(file, offset, length);
+    // The server got the body once, with both values of the doubled field and no "Expect".
     const std::vector<receiver::RequestRecord> records = receiver.requests();
     ASSERT_EQ(records.size(), 1u);
-    EXPECT_EQ(records[0].method, "PUT");
     EXPECT_EQ(records[0].bytesReceived, length);
-    EXPECT_EQ(records[0].md5Hex, md5);
-    EXPECT_EQ(records[0].contentLength, length);
-    EXPECT_EQ(records[0].partNumber, 3u);
-    EXPECT_FALSE(sentExpectContinue(records[0]));
-    std::vector<std::string> twice, lengths;
+    std::vector<std::string> fields;
     for (const auto& [name, value] : records[0].headers) {
-        if (name == "X-Twice") {
-            twice.push_back(value);
-        } else if (headerNamesEqual(name, "Content-Length")) {
-            lengths.push_back(value);
+        if (name == "X-Twice" || headerNamesEqual(name, "Content-Length") ||
+            headerNamesEqual(name, "Expect")) {
+            fields.push_back(name + ": " + value);
         }
     }
-    EXPECT_EQ(twice, (std::vector<std::string>{"one", "two"}));
-    EXPECT_EQ(lengths, (std::vector<std::string>{std::to_string(length)}));
+    std::sort(fields.begin(), fields.end());
+    EXPECT_EQ(fields, (std::vector<std::string>{"Content-Length: " + std::to_string(length),
+                                                "X-Twice: one", "X-Twice: two"}));
 
     // Callbacks: body stream, progress summing to the length, metrics, completion, invalidation.
-    ASSERT_TRUE(completion);
+    ASSERT_TRUE(completion && completion->response);
     const std::vector<SessionEvent> events = harness.delegate->events();
     ASSERT_GE(events.size(), 5u);
     EXPECT_EQ(events.front().kind, Kind::needBodyStream);
@@ -79,28 +54,22 @@ TEST(HttpSessionTest, StreamedFileRangeArrivesIntactWithCallbacksInOrder) {
         EXPECT_EQ(events[i].totalBytesSent, sum);
         EXPECT_EQ(events[i].totalExpected, static_cast<int64_t>(length));
     }
-    EXPECT_GT(i, 1u);
     EXPECT_EQ(sum, static_cast<int64_t>(length));
     ASSERT_EQ(events.size(), i + 3);
     ASSERT_EQ(events[i].kind, Kind::metrics);
-    ASSERT_EQ(events[i].metrics.transactionMetrics.size(), 1u);
-    const TransactionMetrics& metrics = events[i].metrics.transactionMetrics[0];
+    const TransactionMetrics& metrics = events[i].metrics.transactionMetrics.at(0);
     EXPECT_EQ(metrics.countOfRequestBodyBytesSent, static_cast<int64_t>(length));
     EXPECT_EQ(metrics.statusCode, 200);
-    EXPECT_EQ(metrics.networkProtocolName, "http/1.1");
-    EXPECT_GE(metrics.totalSecs, metrics.firstByteSecs);
     EXPECT_EQ(events[i + 1].kind, Kind::completed);
     EXPECT_EQ(events[i + 2].kind, Kind::invalidated);
     EXPECT_EQ(harness.delegate->offQueueCalls(), 0);
 
     EXPECT_FALSE(completion->error);
-    ASSERT_TRUE(completion->response);
     EXPECT_EQ(completion->response->statusCode(), 200);
     const auto checksum = completion->response->valueForHTTPHeaderField("content-md5");
-    ASSERT_TRUE(checksum);
-    const auto digest = base64DecodeStrict(*checksum);
+    const auto digest = base64DecodeStrict(checksum.value_or("?"));
     ASSERT_TRUE(digest);
-    EXPECT_EQ(hexString(*digest), md5);
+    EXPECT_EQ(hexString(*digest), records[0].md5Hex);
 }
 
 TEST(HttpSessionTest, ASleepingReadHoldsUpOnlyItsOwnSession) {
@@ -135,55 +104,46 @@ TEST(HttpSessionTest, ASleepingReadHoldsUpOnlyItsOwnSession) {
     }
 }
 
-TEST(HttpSessionTest, SharedSessionAnswersWithBodyStatusAndHeadersOrAnErrorAlone) {
-    receiver::Receiver receiver;
-    receiver.start();
-    struct Answer {
-        std::optional<std::vector<uint8_t>> data;
-        std::shared_ptr<const HttpResponse> response;
-        std::optional<PlatformError> error;
-    };
-    auto post = [](const std::string& url, std::vector<uint8_t> body) {
-        auto answer = std::make_shared<std::promise<Answer>>();
-        HttpRequest request(*Url::parse(url));
-        request.httpMethod = "POST";
-        request.addValue("application/json", "Content-Type");
-        HttpSession::shared()
-            ->uploadTask(request, std::move(body),
-                         [answer](auto data, auto response, auto error) {
-                             answer->set_value({std::move(data), response, std::move(error)});
-                         })
-            ->resume();
-        auto future = answer->get_future();
-        if (future.wait_for(10s) != std::future_status::ready) {
-            ADD_FAILURE() << "no answer from " << url;
-            return Answer{};
+TEST(HttpSessionTest, InvalidateAndCancelEndsEveryTaskThenInvalidatesOnceAndReleasesTheDelegate) {
+    SilentListener silent;
+    auto queue = SerialQueue::make("test.delegate");
+    auto delegate = std::make_shared<RecordingDelegate>(queue, bodyOf(32 << 20));
+    delegate->holdBodyOfTask = 5;
+    std::weak_ptr<RecordingDelegate> weakDelegate = delegate;
+    SessionConfiguration configuration;
+    configuration.timeoutIntervalForRequest = 30.0;
+    auto session = HttpSession::make(configuration, delegate, queue);
+    // Three stalled transfers, one never resumed, one waiting for its body stream.
+    std::vector<std::shared_ptr<UploadTask>> tasks;
+    for (int i = 0; i < 5; ++i) {
+        tasks.push_back(
+            session->uploadTaskWithStreamedRequest(uploadRequest(silent.url(), 32 << 20)));
+        if (i != 3) {
+            tasks.back()->resume();
         }
-        return future.get();
-    };
+    }
+    for (int i = 0; i < 500 && delegate->events(Kind::sentBodyData).size() < 3; ++i) {
+        std::this_thread::sleep_for(10ms);
+    }
+    const auto started = std::chrono::steady_clock::now();
+    session->invalidateAndCancel();
+    tasks[3]->resume();  // too late: nothing happens
+    ASSERT_TRUE(delegate->waitForInvalidation(10s));
+    // Far below the 30 s idle time-out: the stalled transfers were woken, not timed out.
+    EXPECT_LT(std::chrono::steady_clock::now() - started, 5s);
 
-    const Answer missing = post(receiver.baseUrl() + "/rpc", {'{', '}'});
-    EXPECT_FALSE(missing.error);
-    ASSERT_TRUE(missing.response && missing.data);
-    EXPECT_EQ(missing.response->statusCode(), 404);
-    EXPECT_EQ(std::string(missing.data->begin(), missing.data->end()), "no such resource\n");
-    EXPECT_EQ(missing.response->valueForHTTPHeaderField("CONTENT-TYPE"),
-              "text/plain; charset=utf-8");
-
-    const Answer stored = post(receiver.partUrl("rpc", 0), patternBytes(1000));
-    EXPECT_FALSE(stored.error);
-    EXPECT_FALSE(stored.data);  // an empty body
-    ASSERT_TRUE(stored.response);
-    EXPECT_EQ(stored.response->statusCode(), 200);
-    EXPECT_TRUE(stored.response->valueForHTTPHeaderField("Content-MD5"));
-    ASSERT_EQ(receiver.requests().size(), 2u);
-    EXPECT_EQ(receiver.requests()[1].bytesReceived, 1000u);
-
-    const Answer gone = post("http://127.0.0.1:" + std::to_string(closedPort()) + "/rpc", {'x'});
-    ASSERT_TRUE(gone.error);
-    EXPECT_EQ(gone.error->code, URLError::cannotConnectToHost);
-    EXPECT_FALSE(gone.data);
-    EXPECT_FALSE(gone.response);
+    EXPECT_EQ(delegate->events(Kind::invalidated).size(), 1u);
+    for (const auto& task : tasks) {
+        const std::optional<SessionEvent> completion =
+            delegate->completionOf(task->taskIdentifier());
+        ASSERT_TRUE(completion && completion->error) << task->description();
+        EXPECT_EQ(completion->error->code, URLError::cancelled) << task->description();
+        EXPECT_EQ(task->state(), UploadTask::State::completed);
+    }
+    EXPECT_EQ(delegate->offQueueCalls(), 0);
+    delegate.reset();
+    queue->sync([] {});  // the invalidation block has finished
+    EXPECT_TRUE(weakDelegate.expired());
 }
 
 }  // namespace
