@@ -1,7 +1,6 @@
 // Cancellation from another thread in the middle of a transfer.
 #include <gtest/gtest.h>
 
-#include <atomic>
 #include <thread>
 
 #include "TransferFixture.h"
@@ -26,26 +25,7 @@ TEST(ClientCancel, InFlightPartsEndCancelledAndWaitingPartsFailInQueueOrderUnsen
     });
     // Failures of cancelled parts reach a queued delegate synchronously: it sees each one before
     // the direct delegate registered after it, although it is slow.
-    auto queued = std::make_shared<RecordingDelegate>();
-    auto queue = SerialQueue::make("host delegate queue");
-    std::mutex orderMutex;
-    std::vector<std::string> order;
-    queued->onEvent = [&](const RecordingDelegate::Event& e) {
-        if (e.kind != "failed")
-            return;
-        std::this_thread::sleep_for(std::chrono::milliseconds(10));
-        std::lock_guard lock(orderMutex);
-        order.push_back("queued");
-    };
-    auto direct = std::make_shared<RecordingDelegate>();
-    direct->onEvent = [&](const RecordingDelegate::Event& e) {
-        if (e.kind != "failed")
-            return;
-        std::lock_guard lock(orderMutex);
-        order.push_back("direct");
-    };
-    t.client->addDelegate(queued, queue);
-    t.client->addDelegate(direct, nullptr);
+    DeliveryOrder delivery(*t.client, "failed");
     t.submitParts(kPart);
 
     std::thread canceller([&] {
@@ -74,11 +54,7 @@ TEST(ClientCancel, InFlightPartsEndCancelledAndWaitingPartsFailInQueueOrderUnsen
     EXPECT_TRUE(t.delegate->completed.empty());
     EXPECT_EQ(t.delegate->metrics->failureCount(), 8u);
 
-    ASSERT_EQ(order.size(), 16u);
-    for (size_t i = 0; i < order.size(); i += 2) {
-        EXPECT_EQ(order[i], "queued");
-        EXPECT_EQ(order[i + 1], "direct");
-    }
+    EXPECT_TRUE(delivery.queuedFirst(8));
     const auto messages = t.log->messages();
     EXPECT_EQ(std::count(messages.begin(), messages.end(), "Upload cancelled by user."), 1);
     EXPECT_EQ(std::count(messages.begin(), messages.end(), "Upload was previously cancelled."), 1);

@@ -5,7 +5,6 @@
 #include <map>
 
 #include "TransferFixture.h"
-#include "client/ClientState.h"
 
 namespace pellorin::testing {
 namespace {
@@ -178,18 +177,6 @@ TEST(ClientRetry, PermanentFailuresAreNotRetried) {
     std::string upper = expected;
     std::transform(upper.begin(), upper.end(), upper.begin(), ::toupper);
     EXPECT_EQ(t.delegate->completed[0]->eTag(), upper);
-}
-
-TEST(ClientRetry, RetryAfterIsReadAsSecondsInTheCLocale) {
-    using client::parseRetryAfterSeconds;
-    EXPECT_EQ(parseRetryAfterSeconds("30"), 30.0);
-    EXPECT_EQ(parseRetryAfterSeconds("1.5"), 1.5);
-    EXPECT_EQ(parseRetryAfterSeconds("-5"), -5.0);
-    EXPECT_EQ(parseRetryAfterSeconds("+2"), 2.0);
-    for (const char* bad : {"", " 30", "30 ", "1,5", "30s", "nan", "inf", "1e999",
-                            "Wed, 21 Oct 2015 07:28:00 GMT", "+-1"}) {
-        EXPECT_FALSE(parseRetryAfterSeconds(bad).has_value()) << bad;
-    }
 }
 
 }  // namespace

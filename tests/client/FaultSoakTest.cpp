@@ -31,21 +31,8 @@ constexpr uint64_t kDefaultParts = kSanitized ? 800 : 2000;
 constexpr double kIdleTimeoutSecs = kSanitized ? 1.5 : 0.5;
 
 const char* name(FaultKind kind) {
-    switch (kind) {
-        case FaultKind::serverError:
-            return "500";
-        case FaultKind::tooManyRequests:
-            return "429";
-        case FaultKind::dropped:
-            return "dropped";
-        case FaultKind::stalled:
-            return "stalled";
-        case FaultKind::wrongChecksum:
-            return "checksum";
-        case FaultKind::none:
-            break;
-    }
-    return "none";
+    const char* const names[] = {"none", "500", "429", "dropped", "stalled", "checksum"};
+    return names[static_cast<int>(kind)];
 }
 
 TEST(FaultSoak, EveryPartArrivesOnceAndTheCountsMatchTheInjectedFaults) {

@@ -40,13 +40,6 @@ TEST(Throughput, RatesUnitsAndText) {
               "3.000 KB/sec in 0.500 secs (1500 bytes)");
     EXPECT_EQ(toString(Throughput::BytesSec, UINT64_MAX, 0.0),
               "0.000 Bytes/sec in 0.000 secs (18446744073709551615 bytes)");
-    std::vector<std::string> texts;
-    for (auto unit : kByteUOM)
-        texts.push_back(description(unit));
-    for (auto unit : kBitUOM)
-        texts.push_back(description(unit));
-    EXPECT_EQ(texts, (std::vector<std::string>{"GB/sec", "MB/sec", "KB/sec", "Bytes/sec", "Gb/sec",
-                                               "Mb/sec", "Kb/sec", "Bits/sec"}));
 }
 
 TEST(ThroughputMonitor, ChoosesTheLargestUnitShowingAtLeastOne) {
@@ -61,20 +54,15 @@ TEST(ThroughputMonitor, ChoosesTheLargestUnitShowingAtLeastOne) {
     EXPECT_EQ(stoppedAfter(0, 0s).chooseUnit(true), std::make_pair(Throughput::BitsSec, 0.0));
 }
 
-TEST(ThroughputMonitor, LifecycleAndElapsedTime) {
+TEST(ThroughputMonitor, ElapsedTimeRunsFromTheFirstStart) {
     ThroughputMonitor monitor;
-    EXPECT_FALSE(monitor.isStarted() || monitor.isStopped() || monitor.isRunning());
     const auto first = ThroughputMonitor::Clock::now() - 2s;
     monitor.recordStart(first);
     monitor.recordStart(first + 1s);  // a later part start does not move the start
-    EXPECT_EQ(monitor.startTime, first);
     EXPECT_TRUE(monitor.isRunning());
     EXPECT_GE(monitor.elapsedTime(), 2.0);  // running: measured up to now
-
-    monitor.endTime = first + 1500ms;
-    EXPECT_TRUE(monitor.isStopped() && !monitor.isRunning());
-    EXPECT_DOUBLE_EQ(monitor.elapsedTime(), 1.5);
-    monitor.endTime = first - 250ms;  // the difference is taken as an absolute value
+    monitor.endTime = first - 250ms;        // the difference is taken as an absolute value
+    EXPECT_TRUE(monitor.isStopped());
     EXPECT_DOUBLE_EQ(monitor.elapsedTime(), 0.25);
 }
 
@@ -95,16 +83,10 @@ TEST(ThroughputMonitor, CountersAndMetrics) {
 
     monitor.endTime = *monitor.startTime + 1s;
     auto metrics = monitor.metrics(3);
-    EXPECT_EQ(metrics->totalPartsRequested(), 3);
-    EXPECT_EQ(metrics->bytesSent(), 700u);
-    EXPECT_EQ(metrics->bytesLost(), 300u);
-    EXPECT_EQ(metrics->partsSent(), 1u);
-    EXPECT_EQ(metrics->retryCount(), 1u);
-    EXPECT_EQ(metrics->failureCount(), 1u);
-    EXPECT_DOUBLE_EQ(metrics->elapsedTimeSecs(), 1.0);
-    EXPECT_DOUBLE_EQ(metrics->throughput(), 700.0);
-    EXPECT_EQ(metrics->throughputUOM(), "Bytes/sec");
-    EXPECT_FALSE(metrics->otherInfo().has_value());
+    EXPECT_EQ(metrics->jsonString(),
+              R"({"totalPartsRequested":3,"bytesSent":700,"bytesLost":300,"partsSent":1,)"
+              R"("retryCount":1,"failureCount":1,"elapsedTimeSecs":1.0,"throughput":700.0,)"
+              R"("throughputUOM":"Bytes/sec"})");
 }
 
 TEST(ThroughputMonitorDeathTest, ImpossibleCountsStop) {

@@ -10,7 +10,9 @@
 #include <filesystem>
 #include <future>
 #include <memory>
+#include <mutex>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include "receiver/Receiver.h"
@@ -82,6 +84,52 @@ class Transfer {
     std::shared_ptr<LogRecord> log;
     std::shared_ptr<RecordingDelegate> delegate;
     std::shared_ptr<PellorinClient> client;
+};
+
+// A slow delegate on a queue of its own, registered before a direct one; each records its turn
+// for every event of `kind`. Delivery that waits for the queued delegate gives "queued", "direct"
+// pairs however slow it is.
+class DeliveryOrder {
+  public:
+    DeliveryOrder(PellorinClient& client, std::string kind) : kind_(std::move(kind)) {
+        queued->onEvent = [this](const RecordingDelegate::Event& e) {
+            if (e.kind == kind_) {
+                std::this_thread::sleep_for(std::chrono::milliseconds(10));
+                add("queued");
+            }
+        };
+        direct->onEvent = [this](const RecordingDelegate::Event& e) {
+            if (e.kind == kind_) {
+                add("direct");
+            }
+        };
+        client.addDelegate(queued, queue);
+        client.addDelegate(direct, nullptr);
+    }
+
+    // Whether `count` events each reached the queued delegate before the direct one.
+    bool queuedFirst(size_t count) const {
+        std::vector<std::string> expected;
+        for (size_t i = 0; i < count; ++i) {
+            expected.insert(expected.end(), {"queued", "direct"});
+        }
+        std::lock_guard lock(mutex_);
+        return order_ == expected;
+    }
+
+    const std::shared_ptr<SerialQueue> queue = SerialQueue::make("host delegate queue");
+    const std::shared_ptr<RecordingDelegate> queued = std::make_shared<RecordingDelegate>();
+    const std::shared_ptr<RecordingDelegate> direct = std::make_shared<RecordingDelegate>();
+
+  private:
+    void add(const char* who) {
+        std::lock_guard lock(mutex_);
+        order_.push_back(who);
+    }
+
+    const std::string kind_;
+    mutable std::mutex mutex_;
+    std::vector<std::string> order_;  // guarded by mutex_
 };
 
 }  // namespace pellorin::testing
