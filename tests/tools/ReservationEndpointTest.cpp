@@ -1,22 +1,16 @@
 // The receiver's reservation endpoint: how it cuts files into operations, and what it answers to
-// calls it cannot serve.
+// calls it cannot serve (requests refused over HTTP are in the receiver's test).
 #include "receiver/ReservationEndpoint.h"
 
 #include <gtest/gtest.h>
 
 #include <pellorin/Reservation.h>
 
-#include <chrono>
-#include <future>
 #include <string>
 #include <vector>
 
-#include "Platform/HttpSession.h"
-
 namespace pellorin::receiver {
 namespace {
-
-using namespace std::chrono_literals;
 
 // A reservation call describing files of the given sizes, named f0, f1, ...
 std::string callFor(const std::vector<uint64_t>& sizes) {
@@ -41,7 +35,7 @@ std::vector<std::pair<int64_t, int64_t>> ranges(const EndpointReply& reply) {
     return result;
 }
 
-TEST(ReservationEndpointTest, CutsFilesIntoPartsAndRefusesWhatItCannotServe) {
+TEST(ReservationEndpointTest, CutsFilesIntoPartsAndRefusesCallsItCannotServe) {
     using Ranges = std::vector<std::pair<int64_t, int64_t>>;
     ReceiverOptions options{.reservationPartSize = 10};
     const EndpointReply reply = answerReservationCall(callFor({20, 11}), options, "http://h:9");
@@ -63,34 +57,6 @@ TEST(ReservationEndpointTest, CutsFilesIntoPartsAndRefusesWhatItCannotServe) {
         answerReservationCall(callFor({kMaxReservationOperations, 1}), options, "http://h").status,
         400);
     EXPECT_EQ(answerReservationCall(callFor({uint64_t{1} << 63}), {}, "http://h").status, 400);
-
-    // Over HTTP: the wrong method, the wrong x-tx-method, and a body over the cap.
-    Receiver receiver;
-    receiver.start();
-    auto post = [&](const std::string& method, bool tagged, size_t bodySize) {
-        HttpRequest request(*Url::parse(receiver.baseUrl() + std::string(kReservationPath)));
-        request.httpMethod = method;
-        if (tagged) {
-            request.addValue("createTestReservation", "x-tx-method");
-        }
-        auto status = std::make_shared<std::promise<int>>();
-        HttpSession::shared()
-            ->uploadTask(request, std::vector<uint8_t>(bodySize, '{'),
-                         [status](auto, std::shared_ptr<const HttpResponse> response, auto) {
-                             status->set_value(response ? response->statusCode() : 0);
-                         })
-            ->resume();
-        auto answered = status->get_future();
-        if (answered.wait_for(20s) != std::future_status::ready) {
-            ADD_FAILURE() << "no answer to a " << method << " of " << bodySize << " bytes";
-            return -1;
-        }
-        return answered.get();
-    };
-    EXPECT_EQ(post("PUT", true, 10), 405);
-    EXPECT_EQ(post("POST", false, 10), 400);
-    EXPECT_EQ(post("POST", true, 10), 400);
-    EXPECT_EQ(post("POST", true, kMaxReservationCallSize + 1), 413);
 }
 
 }  // namespace
