@@ -1,14 +1,11 @@
 // The progress reporter's lines: prefix plus compact JSON, at notice, encoded at every level.
 #include <gtest/gtest.h>
 
-#include <nlohmann/json.hpp>
-
 #include <pellorin/LoggingProgressReporter.h>
 
 #include "support/RecordingLogHandler.h"
 
 using namespace pellorin;
-using nlohmann::json;
 namespace recording = pellorin::testing;
 
 namespace {
@@ -59,50 +56,27 @@ std::vector<Reported> reportAll(const LoggingProgressReporter& reporter) {
 
 }  // namespace
 
-TEST(LoggingProgressReporter, LogsEachEventAsPrefixAndCompactJsonAtNotice) {
-    Recorded recorded(Logger::Level::info);
-    const auto reported = reportAll(recorded.reporter);
-    const auto entries = recorded.record->entries();
-    ASSERT_EQ(entries.size(), reported.size());
-    for (size_t i = 0; i < entries.size(); ++i) {
-        const auto& entry = entries[i];
-        EXPECT_EQ(entry.message, reported[i].prefix + reported[i].json);
-        EXPECT_EQ(entry.message, reported[i].line);
-        EXPECT_EQ(entry.function, reported[i].function);
-        EXPECT_EQ(entry.level, Logger::Level::notice);
-        EXPECT_EQ(entry.source, "Sources");
-        EXPECT_EQ(entry.file, "PellorinClient/LoggingProgressReporter");
-        EXPECT_TRUE(entry.metadata.empty());
-        EXPECT_TRUE(json::parse(reported[i].json).is_object());
+TEST(LoggingProgressReporter, LogsEachEventAsPrefixAndCompactJsonAtNoticeAndEncodesItAlways) {
+    for (const Logger::Level level : {Logger::Level::info, Logger::Level::warning}) {
+        Recorded recorded(level);
+        const auto reported = reportAll(recorded.reporter);
+        const auto entries = recorded.record->entries();
+        ASSERT_EQ(entries.size(), level == Logger::Level::info ? reported.size() : 0u);
+        for (size_t i = 0; i < reported.size(); ++i) {
+            EXPECT_EQ(reported[i].line, reported[i].prefix + reported[i].json);
+            if (i < entries.size()) {
+                EXPECT_EQ(entries[i].message, reported[i].line);
+                EXPECT_EQ(entries[i].function, reported[i].function);
+                EXPECT_EQ(entries[i].level, Logger::Level::notice);
+                EXPECT_EQ(entries[i].source, "Sources");
+                EXPECT_EQ(entries[i].file, "PellorinClient/LoggingProgressReporter");
+                EXPECT_TRUE(entries[i].metadata.empty());
+            }
+        }
     }
-    EXPECT_FALSE(json::parse(reported.back().json).contains("otherInfo"));
 }
 
-TEST(LoggingProgressReporter, AboveNoticeNothingIsLoggedYetEverythingIsEncoded) {
-    Recorded recorded(Logger::Level::warning);
-    for (const auto& reported : reportAll(recorded.reporter)) {
-        EXPECT_EQ(reported.line, reported.prefix + reported.json);
-    }
-    EXPECT_EQ(recorded.record->count(), 0u);
-
-    recorded.reporter.logger().setLogLevel(Logger::Level::notice);
-    recorded.reporter.report(PartStartedMessage("/d/a.bin", 1, 0));
-    EXPECT_EQ(recorded.record->count(), 1u);
-}
-
-TEST(LoggingProgressReporter, TakesItsLoggerFromAWrapper) {
-    auto record = std::make_shared<recording::LogRecord>();
-    struct Wrapper : LoggerWrapper {
-        explicit Wrapper(Logger logger) : wrapped(std::move(logger)) {}
-        const Logger& logger() const override { return wrapped; }
-        Logger wrapped;
-    } wrapper(Logger("w", std::make_unique<recording::RecordingLogHandler>(record)));
-    LoggingProgressReporter reporter(wrapper);
-    reporter.report(PartCompleteMessage("/a", 1, "e"));
-    EXPECT_EQ(record->messages(), std::vector<std::string>{
-                                      R"(part-complete: {"path":"/a","partNumber":1,"eTag":"e"})"});
-}
-
+// The console logger is the stock wrapper: the reporter takes its logger from it.
 TEST(LoggingProgressReporter, ConsoleLoggerWritesThroughTheSystemHandler) {
     ConsoleLogger console("upload-client");
     EXPECT_EQ(console.logger().label(), "upload-client");
@@ -117,6 +91,3 @@ TEST(LoggingProgressReporter, ConsoleLoggerWritesThroughTheSystemHandler) {
         std::string::npos)
         << out;
 }
-
-static_assert(!std::is_default_constructible_v<ConsoleLogger>);
-static_assert(!std::is_default_constructible_v<LoggingProgressReporter>);

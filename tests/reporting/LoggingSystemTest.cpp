@@ -21,6 +21,8 @@ TEST_F(LoggingSystemTest, DefaultsToStandardOutputAtInfo) {
     const auto* handler = dynamic_cast<const StreamLogHandler*>(&logger.handler());
     ASSERT_NE(handler, nullptr);
     EXPECT_EQ(handler->stream().file(), stdout);
+    EXPECT_EQ(handler->stream().flushMode(), StdioOutputStream::FlushMode::always);
+    EXPECT_EQ(StreamLogHandler::standardError("x").stream().file(), stderr);
     EXPECT_EQ(handler->label(), "default");
     EXPECT_EQ(logger.logLevel(), Logger::Level::info);
 }

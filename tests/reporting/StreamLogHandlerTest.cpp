@@ -68,15 +68,6 @@ TEST(StreamLogHandler, WritesTimestampLevelLabelMetadataAndMessage) {
     expect(3, "info upload-client : metadata gone");
 }
 
-TEST(StreamLogHandler, StandardStreamsDefaultToInfoAndFlushEveryLine) {
-    const auto out = StreamLogHandler::standardOutput("x");
-    EXPECT_EQ(out.stream().file(), stdout);
-    EXPECT_EQ(out.stream().flushMode(), StdioOutputStream::FlushMode::always);
-    EXPECT_EQ(out.logLevel(), Logger::Level::info);
-    EXPECT_FALSE(out.prettyMetadata().has_value());
-    EXPECT_EQ(StreamLogHandler::standardError("x").stream().file(), stderr);
-}
-
 TEST(StreamLogHandler, ConcurrentWritersNeverInterleaveLines) {
     CapturedStream captured;
     const Logger logger("mt", std::make_unique<StreamLogHandler>("mt", captured.stream()));
