@@ -83,16 +83,17 @@ TEST(ClientScheduling, StandardClientMultipliesTheRateLimitByAThousand) {
     EXPECT_FALSE(PellorinClient::standardClient(std::nullopt, 2, 1)->rateLimiter());
 }
 
-TEST(ClientBadParts, MissingFileAndPartPastTheEndFailAloneWhileTheOthersComplete) {
+TEST(ClientBadParts, MissingFileAndPartPastTheEndFailAloneWhileTheOthersAndAnEmptyOneComplete) {
     Transfer t(4 * kPart, 2, 1);
     t.submitParts(kPart);
     t.submit((t.dir.path() / "missing.bin").string(), 10, 0, 100);
     t.submit(t.source.string(), 11, 4 * kPart - 10, 100);  // runs past the end of the file
+    t.submit(t.source.string(), 12, 0, 0);                 // empty, and fine
 
     EXPECT_EQ(t.run(), 1);
     EXPECT_EQ(md5HexOfRange(t.copy(), 0, 4 * kPart), md5HexOfRange(t.source, 0, 4 * kPart));
     std::lock_guard lock(t.delegate->mutex);
-    EXPECT_EQ(t.delegate->completed.size(), 4u);
+    EXPECT_EQ(t.delegate->completed.size(), 5u);
     ASSERT_EQ(t.delegate->failed.size(), 2u);
     std::map<uint64_t, std::shared_ptr<const PartFailureMessage>> failures;
     for (const auto& m : t.delegate->failed)

@@ -37,18 +37,12 @@ std::string messageOf(const std::function<void()>& decode) {
 TEST(ReservationDecodeErrorTest, OperationFaultsNameTheirPath) {
     const std::pair<std::string, std::string> cases[] = {
         {"-expires", "[1].operation.expires: required key is missing"},
-        {"-uri", "[1].operation.uri: required key is missing"},
         {R"("offset":"12")", "[1].operation.offset: expected an integer, found string"},
-        {R"("offset":1.5)", "[1].operation.offset: expected an integer, found 1.5"},
         {R"("length":1e3)", "[1].operation.length: expected an integer, found 1000.0"},
-        {R"("offset":9223372036854775808)", "[1].operation.offset: integer out of range"},
         {R"("partNumber":-99999999999999999999)", "[1].operation.partNumber: integer out of range"},
         {R"("uri":"not a url")", "[1].operation.uri: not an absolute URL"},
-        {R"("uri":"/relative/only")", "[1].operation.uri: not an absolute URL"},
         {R"("headers":{"X-A":"1","X-B":2})",
          "[1].operation.headers.X-B: expected a string, found number"},
-        {R"("headers":["X-A"])", "[1].operation.headers: expected an object, found array"},
-        {R"("entityTag":false)", "[1].operation.entityTag: expected a string, found boolean"},
         {R"("expires":null)", "[1].operation.expires: expected a string, found null"},
         {R"("Method":"PUT","method":7)", "[1].operation.method: expected a string, found number"},
     };
@@ -114,11 +108,6 @@ TEST(ReservationDecodeErrorTest, UnsignedFileSizeAndUnparsableText) {
     EXPECT_EQ(
         messageOf([&] { decodeOperationPairs("[\"\xff\"]"); }).rfind("invalid JSON at byte 3: ", 0),
         0u);
-    EXPECT_EQ(
-        messageOf([&] { decodeOperationPairs("null x"); }).rfind("invalid JSON at byte 6: ", 0),
-        0u);
-    EXPECT_EQ(messageOf([&] { decodeOperationPairs(""); }).rfind("invalid JSON at byte 1: ", 0),
-              0u);
 
     // Text that cannot be written as JSON is refused rather than altered.
     std::vector<OperationPair> pairs = decodeOperationPairs(pairsWith(R"("offset":3)")).value();

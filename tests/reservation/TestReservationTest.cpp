@@ -1,10 +1,8 @@
 // Test reservations: stamp and endpoint texts, calls against the local receiver standing in for
-// the service, the reservation file, its operations uploaded by the transfer client, and answers
-// that cannot be used.
+// the service, the reservation file, and answers that cannot be used. The host's test uploads a
+// reserved file through the client.
 #include <gtest/gtest.h>
 
-#include <pellorin/LogHandlers.h>
-#include <pellorin/PellorinClient.h>
 #include <pellorin/Reservation.h>
 
 #include <chrono>
@@ -63,10 +61,8 @@ class TestReservationTest : public ::testing::Test {
     static constexpr uint64_t kPartSize = 64 * 1024;
 
     void start(receiver::ReservationAnswer answer) {
-        receiver_ = std::make_unique<receiver::Receiver>(
-            receiver::ReceiverOptions{.directory = uploads_.path(),
-                                      .reservationPartSize = kPartSize,
-                                      .reservationAnswer = answer});
+        receiver_ = std::make_unique<receiver::Receiver>(receiver::ReceiverOptions{
+            .reservationPartSize = kPartSize, .reservationAnswer = answer});
         receiver_->start();
     }
 
@@ -86,7 +82,7 @@ class TestReservationTest : public ::testing::Test {
         return ::testing::internal::GetCapturedStdout();
     }
 
-    TempDir sources_, uploads_;
+    TempDir sources_;
     std::unique_ptr<receiver::Receiver> receiver_;
     const std::string reservationFile_ = (sources_.path() / "reservation.json").string();
 };
@@ -136,35 +132,6 @@ TEST_F(TestReservationTest, PrintsTheCallAndWritesEveryOperationWithTheLocalPath
         EXPECT_EQ(operation.length, static_cast<int64_t>(i < 3 ? kPartSize : 123));
         EXPECT_EQ(operation.uri.absoluteString(), receiver_->partUrl("source.bin", i * kPartSize));
     }
-}
-
-TEST_F(TestReservationTest, ReservedOperationsUploadTheFileThroughTheClient) {
-    start(receiver::ReservationAnswer::reservations);
-    const auto source = sources_.makeFile("big file.bin", 5 * kPartSize + 7, 23);
-    const auto empty = sources_.makeFile("empty.bin", 0, 1);
-    auto client =
-        PellorinClient::make(nullptr, 3, 1, Logger("test", std::make_unique<NoOpLogHandler>()));
-    for (const auto& file : {source, empty}) {
-        reserve(file);
-        const auto pairs = decodeOperationPairs(readText(reservationFile_)).value();
-        for (const OperationPair& pair : pairs) {
-            const Operation& op = pair.operation;
-            client->uploadPartRequest(FilePartRequest::make(
-                pair.filePath, static_cast<uint64_t>(op.partNumber),
-                static_cast<uint64_t>(op.offset), static_cast<uint64_t>(op.length), op.uri,
-                op.method, op.headers));
-        }
-    }
-    auto status = std::async(std::launch::async, [&] { return client->waitUntilFinished(); });
-    if (status.wait_for(60s) != std::future_status::ready) {
-        client->invalidateAndCancel();
-        FAIL() << "the transfer did not finish within 60 s";
-    }
-    EXPECT_EQ(status.get(), 0);
-    EXPECT_EQ(receiver_->requests().size(), 2u + 6u + 1u);  // two calls, six parts, one empty part
-    EXPECT_EQ(testing::md5HexOfFile(uploads_.path() / "big file.bin"),
-              testing::md5HexOfFile(source));
-    EXPECT_EQ(std::filesystem::file_size(uploads_.path() / "empty.bin"), 0u);
 }
 
 TEST_F(TestReservationTest, NoReservationsWritesNullAndAnUndecodableAnswerIsPrinted) {
