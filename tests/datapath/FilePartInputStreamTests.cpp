@@ -7,7 +7,6 @@
 
 #include <cstdio>
 #include <cstdlib>
-#include <thread>
 
 #include "FileBytes.h"
 #include "Platform/Encoding.h"
@@ -87,11 +86,9 @@ TEST_F(PartStream, DataReadsAndChecksumComparison) {
         served.insert(served.end(), bytes->begin(), bytes->end());
     }
     EXPECT_EQ(served, std::vector<uint8_t>(content.begin() + 10, content.begin() + 30));
-    const std::string local = hexString(md5Of(served));
-    std::string upper = local;
-    std::transform(upper.begin(), upper.end(), upper.begin(), ::toupper);
-    EXPECT_EQ(s->verifyRemoteChecksum(upper), ChecksumStatus::matched());
-    EXPECT_EQ(s->verifyRemoteChecksum("abc"), ChecksumStatus::failed(local, "abc"));
+    // Case-insensitive matching is pinned through the client with an upper-case ETag.
+    EXPECT_EQ(s->verifyRemoteChecksum("abc"),
+              ChecksumStatus::failed(hexString(md5Of(served)), "abc"));
 }
 
 TEST_F(PartStream, RangePastTheEndOfTheFileFailsTheStreamWay) {
@@ -150,33 +147,6 @@ TEST_F(PartStream, ReadsAreCutToThePermitsTaken) {
     EXPECT_EQ(s->read(served.data() + 200, 150), 100);
     EXPECT_EQ(s->streamStatus(), StreamStatus::atEnd);
     EXPECT_EQ(served, content);
-}
-
-TEST_F(PartStream, ConcurrentStreamsShareOneFileAndOneLimiter) {
-    constexpr uint64_t kPart = 256 * 1024, kStreams = 4;
-    const auto bigger = temp.makeFile("bigger", kPart * kStreams, 2);
-    const std::vector<uint8_t> random = testing::fileBytes(bigger);
-    file = std::make_shared<SharedFile>(bigger);
-    auto limiter = RateLimiter::make(100'000'000);  // 1 MB per 10 ms refill
-    std::vector<std::vector<uint8_t>> digests(kStreams);
-    std::vector<std::thread> readers;
-    for (uint64_t i = 0; i < kStreams; ++i) {
-        readers.emplace_back([&, i] {
-            auto s = stream(i * kPart, kPart, limiter);
-            s->open();
-            std::vector<uint8_t> buffer(64 * 1024);
-            for (int reads = 0; reads < 10'000 && s->read(buffer.data(), 64 * 1024) > 0;) {
-                ++reads;
-            }
-            digests[i] = s->digestData();
-        });
-    }
-    for (auto& reader : readers) {
-        reader.join();
-    }
-    for (uint64_t i = 0; i < kStreams; ++i) {
-        EXPECT_EQ(digests[i], md5Of(std::span(random).subspan(i * kPart, kPart))) << i;
-    }
 }
 
 // A 1 GiB file (sparse: random 1 MiB blocks every 64 MiB) read with 1 MiB reads gives the same

@@ -41,7 +41,7 @@ TEST(MessageDigest, EmptyMessageVectorsAndLengths) {
 }
 
 TEST(MessageDigest, ProvidersAgreeWhetherFedAtOnceOrInPieces) {
-    const std::vector<uint8_t> message = randomData(1000);
+    const std::vector<uint8_t> message = randomData(1000);  // differs run to run
     for (const DigestAlgorithm algorithm : allDigestAlgorithms) {
         auto oneShot = newFirstProviderDigest(algorithm);
         oneShot->update(message);
@@ -54,15 +54,6 @@ TEST(MessageDigest, ProvidersAgreeWhetherFedAtOnceOrInPieces) {
             EXPECT_EQ(pieces->finalize(), expected);
         }
     }
-    EXPECT_EQ(cryptoFramework(DigestAlgorithm::sha224), CryptoFramework::tessaly);  // OpenSSL 3
-}
-
-TEST(MessageDigest, HexStringAndRandomData) {
-    EXPECT_EQ(hexString(std::vector<uint8_t>{0x00, 0xAB, 0x0F, 0xF0}), "00ab0ff0");
-    EXPECT_EQ(hexString({}), "");
-    EXPECT_TRUE(randomData(0).empty());
-    EXPECT_EQ(randomData(32).size(), 32u);
-    EXPECT_NE(randomData(32), randomData(32));
 }
 
 }  // namespace
