@@ -3,11 +3,8 @@
 namespace pellorin::testing {
 
 void LogRecord::append(LogEntry entry) {
-    {
-        std::lock_guard lock(mutex_);
-        entries_.push_back(std::move(entry));
-    }
-    changed_.notify_all();
+    std::lock_guard lock(mutex_);
+    entries_.push_back(std::move(entry));
 }
 
 std::vector<LogEntry> LogRecord::entries() const {
@@ -27,16 +24,6 @@ std::vector<std::string> LogRecord::messages() const {
 std::size_t LogRecord::count() const {
     std::lock_guard lock(mutex_);
     return entries_.size();
-}
-
-void LogRecord::clear() {
-    std::lock_guard lock(mutex_);
-    entries_.clear();
-}
-
-bool LogRecord::waitForCount(std::size_t count, std::chrono::milliseconds timeout) const {
-    std::unique_lock lock(mutex_);
-    return changed_.wait_for(lock, timeout, [&] { return entries_.size() >= count; });
 }
 
 RecordingLogHandler::RecordingLogHandler(std::shared_ptr<LogRecord> record, std::string label,

@@ -1,21 +1,10 @@
-// RecordingLogHandler: a log handler for tests that keeps every entry it lets through, so that a
-// test can assert the exact lines a component logged.
-//
-//     auto log = std::make_shared<pellorin::testing::LogRecord>();
-//     pellorin::Logger logger("test",
-//     std::make_unique<pellorin::testing::RecordingLogHandler>(log));
-//     ... hand `logger` (or copies of it) to the code under test ...
-//     ASSERT_TRUE(log->waitForCount(3, std::chrono::seconds(5)));   // bounded wait
-//     EXPECT_EQ(log->entries()[0].message, "part-started: {...}");
-//
-// All clones and copies of a handler append to the same LogRecord, so copies of the logger made
-// inside the code under test are recorded too. A LogRecord may be read and written from any
-// thread. The handler starts at level trace (records everything) with no metadata; its level and
-// metadata are its own and are not shared with clones made before a change.
+// RecordingLogHandler: a log handler for tests that keeps every entry it lets through in a shared
+// LogRecord, so that a test can assert the exact lines a component logged. All clones and copies
+// of a handler append to the same record, so copies of the logger made inside the code under test
+// are recorded too. A LogRecord may be read and written from any thread. The handler's level
+// (trace unless given) and metadata are its own and are not shared with clones made earlier.
 #pragma once
 
-#include <chrono>
-#include <condition_variable>
 #include <cstddef>
 #include <memory>
 #include <mutex>
@@ -45,14 +34,9 @@ class LogRecord {
     std::vector<LogEntry> entries() const;      // a copy
     std::vector<std::string> messages() const;  // just the messages, in order
     std::size_t count() const;
-    void clear();
-    // Waits until at least `count` entries are recorded or `timeout` has passed; returns whether
-    // the count was reached.
-    bool waitForCount(std::size_t count, std::chrono::milliseconds timeout) const;
 
   private:
     mutable std::mutex mutex_;
-    mutable std::condition_variable changed_;
     std::vector<LogEntry> entries_;  // guarded by mutex_
 };
 
@@ -74,8 +58,6 @@ class RecordingLogHandler final : public LogHandler {
     Logger::Level logLevel() const override { return level_; }
     void setLogLevel(Logger::Level level) override { level_ = level; }
     std::unique_ptr<LogHandler> clone() const override;
-
-    const std::shared_ptr<LogRecord>& record() const { return record_; }
 
   private:
     std::shared_ptr<LogRecord> record_;
