@@ -4,7 +4,6 @@ receiver, serve + upload --reservation with a journal resumed after SIGINT, and 
 in a pseudo-terminal. Standard library only; every wait is bounded."""
 
 import argparse
-import hashlib
 import json
 import os
 import pty
@@ -19,6 +18,8 @@ import threading
 import time
 import unittest
 
+from served import Server, make_file, sha256
+
 BINARY = None
 LIMIT = 30  # seconds any one command may take
 
@@ -29,22 +30,11 @@ def run(*args, cwd=None):
                           env=environment)
 
 
-def sha256(path):
-    with open(path, "rb") as f:
-        return hashlib.sha256(f.read()).hexdigest()
-
-
 def lines_in(path):
     if not os.path.exists(path):
         return 0
     with open(path) as f:
         return f.read().count("\n")
-
-
-def make_file(path, size):
-    with open(path, "wb") as f:
-        f.write(os.urandom(size))
-    return path
 
 
 def reservation(path, file_path, size, part_size, url_for):
@@ -56,30 +46,6 @@ def reservation(path, file_path, size, part_size, url_for):
     with open(path, "w") as f:
         json.dump(pairs, f, indent=2)
     return pairs
-
-
-class Server:
-    """`pellorin serve` in the background; its request lines are collected as they come."""
-
-    def __init__(self, directory):
-        self.process = subprocess.Popen([BINARY, "serve", "--dir", directory],
-                                        stdout=subprocess.PIPE, text=True)
-        first = self.readline(10)
-        match = re.search(r"http://127\.0\.0\.1:(\d+)", first)
-        assert match, first
-        self.base = match.group(0)
-        self.lines = []
-
-    def readline(self, limit):
-        ready, _, _ = select.select([self.process.stdout], [], [], limit)
-        assert ready, "serve said nothing"
-        return self.process.stdout.readline()
-
-    def stop(self):
-        self.process.send_signal(signal.SIGINT)
-        rest, _ = self.process.communicate(timeout=10)
-        self.lines += rest.splitlines()
-        return self.process.returncode
 
 
 class HelpAndBadInput(unittest.TestCase):
@@ -184,7 +150,7 @@ class Uploads(unittest.TestCase):
             os.mkdir(received)
             size, part_size = 6 * 1024 * 1024, 512 * 1024
             source = make_file(os.path.join(d, "big.bin"), size)
-            server = Server(received)
+            server = Server(BINARY, received)
             try:
                 plan = reservation(os.path.join(d, "r.json"), source, size, part_size,
                                    lambda o: f"{server.base}/upload/copy.bin?offset={o}")
@@ -262,7 +228,7 @@ class Uploads(unittest.TestCase):
             source = make_file(os.path.join(d, "movie.bin"), 1024 * 1024 + 3)
             with open(os.path.join(d, "pw"), "w") as f:
                 f.write("not-on-the-command-line\n")
-            server = Server(received)
+            server = Server(BINARY, received)
             try:
                 result = run("reserve", "movie.bin", "--user", "me", "--password-file", "pw",
                              "--endpoint", server.base, "-o", "r.json", cwd=d)

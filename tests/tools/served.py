@@ -1,0 +1,41 @@
+"""`pellorin serve` run in the background for the end-to-end tests, and small file helpers.
+Standard library only; every wait is bounded."""
+
+import hashlib
+import os
+import re
+import select
+import signal
+import subprocess
+
+
+def sha256(path):
+    with open(path, "rb") as f:
+        return hashlib.sha256(f.read()).hexdigest()
+
+
+def make_file(path, size):
+    with open(path, "wb") as f:
+        f.write(os.urandom(size))
+    return path
+
+
+class Server:
+    """The receiver assembling uploads in `directory`; its request lines are kept when it stops."""
+
+    def __init__(self, binary, directory):
+        self.process = subprocess.Popen([binary, "serve", "--dir", directory],
+                                        stdout=subprocess.PIPE, text=True)
+        ready, _, _ = select.select([self.process.stdout], [], [], 10)
+        assert ready, "serve said nothing"
+        first = self.process.stdout.readline()
+        match = re.search(r"http://127\.0\.0\.1:\d+", first)
+        assert match, first
+        self.base = match.group(0)
+        self.lines = []
+
+    def stop(self):
+        self.process.send_signal(signal.SIGINT)
+        rest, _ = self.process.communicate(timeout=10)
+        self.lines += rest.splitlines()
+        return self.process.returncode
