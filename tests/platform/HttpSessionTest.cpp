@@ -80,7 +80,7 @@ TEST(HttpSessionTest, ASleepingReadHoldsUpOnlyItsOwnSession) {
     std::vector<std::unique_ptr<SessionHarness>> sessions;
     for (int i = 0; i < 16; ++i) {
         sessions.push_back(std::make_unique<SessionHarness>([i, opened](UploadTask&) {
-            return std::make_shared<TestStream>(patternBytes(256 << 10, i),
+            return std::make_shared<TestStream>(randomData(256 << 10),
                                                 i == 0 ? std::optional(opened) : std::nullopt);
         }));
         auto task = sessions.back()->session->uploadTaskWithStreamedRequest(
@@ -105,7 +105,10 @@ TEST(HttpSessionTest, ASleepingReadHoldsUpOnlyItsOwnSession) {
 }
 
 TEST(HttpSessionTest, InvalidateAndCancelEndsEveryTaskThenInvalidatesOnceAndReleasesTheDelegate) {
-    SilentListener silent;
+    receiver::Receiver receiver;
+    receiver.setFaultScript(
+        [](const receiver::RequestInfo&) { return receiver::Fault{.stallSecs = 60}; });
+    receiver.start();
     auto queue = SerialQueue::make("test.delegate");
     auto delegate = std::make_shared<RecordingDelegate>(queue, bodyOf(32 << 20));
     delegate->holdBodyOfTask = 5;
@@ -116,8 +119,8 @@ TEST(HttpSessionTest, InvalidateAndCancelEndsEveryTaskThenInvalidatesOnceAndRele
     // Three stalled transfers, one never resumed, one waiting for its body stream.
     std::vector<std::shared_ptr<UploadTask>> tasks;
     for (int i = 0; i < 5; ++i) {
-        tasks.push_back(
-            session->uploadTaskWithStreamedRequest(uploadRequest(silent.url(), 32 << 20)));
+        tasks.push_back(session->uploadTaskWithStreamedRequest(
+            uploadRequest(receiver.partUrl("stall", 0), 32 << 20)));
         if (i != 3) {
             tasks.back()->resume();
         }

@@ -1,12 +1,6 @@
 #include "HttpTestSupport.h"
 
-#include <arpa/inet.h>
-#include <netinet/in.h>
-#include <sys/socket.h>
-#include <unistd.h>
-
-#include <stdexcept>
-#include <tuple>
+#include <algorithm>
 
 namespace pellorin::testing {
 
@@ -76,17 +70,9 @@ int64_t TestStream::read(uint8_t* buffer, int64_t maxLength) {
 }
 
 RecordingDelegate::BodySupplier bodyOf(size_t size) {
-    return [size](UploadTask&) { return std::make_shared<MemoryInputStream>(patternBytes(size)); };
-}
-
-std::vector<uint8_t> patternBytes(size_t count, uint32_t seed) {
-    std::vector<uint8_t> bytes(count);
-    uint32_t state = seed * 2654435761u + 1;
-    for (uint8_t& b : bytes) {
-        state = state * 1664525u + 1013904223u;
-        b = static_cast<uint8_t>(state >> 24);
-    }
-    return bytes;
+    return [size](UploadTask&) {
+        return std::make_shared<MemoryInputStream>(randomData(static_cast<int64_t>(size)));
+    };
 }
 
 HttpRequest uploadRequest(const std::string& url, int64_t length) {
@@ -94,42 +80,6 @@ HttpRequest uploadRequest(const std::string& url, int64_t length) {
     request.httpMethod = "PUT";
     request.addValue(std::to_string(length), "Content-Length");
     return request;
-}
-
-namespace {
-
-// A TCP socket bound to an ephemeral port on 127.0.0.1: the descriptor and the port.
-std::pair<int, int> boundSocket() {
-    const int fd = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
-    sockaddr_in address{};
-    address.sin_family = AF_INET;
-    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    socklen_t length = sizeof address;
-    if (fd < 0 || ::bind(fd, reinterpret_cast<sockaddr*>(&address), sizeof address) != 0 ||
-        ::getsockname(fd, reinterpret_cast<sockaddr*>(&address), &length) != 0) {
-        throw std::runtime_error("cannot bind a loopback socket");
-    }
-    return {fd, ntohs(address.sin_port)};
-}
-
-}  // namespace
-
-int closedPort() {
-    const auto [fd, port] = boundSocket();
-    ::close(fd);  // bound but never listening: connections to it are refused
-    return port;
-}
-
-SilentListener::SilentListener() {
-    std::tie(fd_, port_) = boundSocket();
-    if (::listen(fd_, 64) != 0) {
-        ::close(fd_);
-        throw std::runtime_error("cannot listen on a loopback socket");
-    }
-}
-
-SilentListener::~SilentListener() {
-    ::close(fd_);
 }
 
 }  // namespace pellorin::testing

@@ -1,5 +1,5 @@
 // Helpers for the HTTP session tests: a delegate that records every callback, a session made
-// with it, body streams that wait or fail, and loopback sockets that refuse or stall.
+// with it, and body streams that wait or fail.
 #pragma once
 
 #include <chrono>
@@ -13,6 +13,7 @@
 
 #include "Platform/HttpSession.h"
 #include "Platform/MemoryInputStream.h"
+#include "datapath/MessageDigest.h"
 
 namespace pellorin::testing {
 
@@ -111,28 +112,9 @@ class TestStream : public MemoryInputStream {
     int64_t delivered_ = 0;
 };
 
-// A body supplier of `size` pattern bytes, and those bytes.
+// A body supplier of `size` random bytes.
 RecordingDelegate::BodySupplier bodyOf(size_t size);
-std::vector<uint8_t> patternBytes(size_t count, uint32_t seed = 1);
 // A PUT to `url` with "Content-Length" `length`.
 HttpRequest uploadRequest(const std::string& url, int64_t length);
-
-// A port on 127.0.0.1 that refuses connections.
-int closedPort();
-
-// A socket on 127.0.0.1 that listens but never accepts: the kernel completes connections and
-// then nothing is read or answered, so every transfer to it stalls.
-class SilentListener {
-  public:
-    SilentListener();
-    ~SilentListener();
-    SilentListener(const SilentListener&) = delete;
-    SilentListener& operator=(const SilentListener&) = delete;
-    std::string url() const { return "http://127.0.0.1:" + std::to_string(port_) + "/stall"; }
-
-  private:
-    int fd_ = -1;
-    int port_ = 0;
-};
 
 }  // namespace pellorin::testing

@@ -107,10 +107,7 @@ TEST(UrlTest, ParsesNormalisesAndRejects) {
     const auto plain = Url::parse("http://h");
     ASSERT_TRUE(plain);
     EXPECT_EQ(plain->absoluteString(), "http://h/");
-    EXPECT_EQ(plain->scheme(), "http");
-    EXPECT_EQ(plain->host(), "h");
     EXPECT_FALSE(plain->port());
-    EXPECT_EQ(plain->pathAndQuery(), "/");
 
     const auto full = Url::parse("https://127.0.0.1:8443/a/b?c=d");
     ASSERT_TRUE(full);
@@ -123,7 +120,7 @@ TEST(UrlTest, ParsesNormalisesAndRejects) {
     }
 }
 
-TEST(AtomicTest, IncrementsAreNotLostAndSnapshotsAreCopies) {
+TEST(AtomicTest, IncrementsAreNotLost) {
     Atomic<int64_t> counter(0);
     auto add = [&] {
         for (int i = 0; i < 10000; ++i) {
@@ -134,13 +131,6 @@ TEST(AtomicTest, IncrementsAreNotLostAndSnapshotsAreCopies) {
     a.join();
     b.join();
     EXPECT_EQ(counter.load(), 20000);
-
-    AtomicArray<int> array({1, 2});
-    std::vector<int> snapshot = array.snapshot();
-    array.append(3);
-    snapshot.push_back(99);
-    EXPECT_EQ(snapshot, (std::vector<int>{1, 2, 99}));
-    EXPECT_EQ(array.snapshot(), (std::vector<int>{1, 2, 3}));
 }
 
 }  // namespace
