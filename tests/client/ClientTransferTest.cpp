@@ -5,6 +5,8 @@
 #include <map>
 #include <thread>
 
+#include <pellorin/LoggingProgressReporter.h>
+
 #include "TransferFixture.h"
 #include "datapath/RateLimiter.h"
 
@@ -136,6 +138,27 @@ TEST(ClientDelegates, WeakTwiceRemovedAndQueuedDelegatesAreHonoured) {
     for (const auto& e : delivery.queued->events)
         EXPECT_EQ(e.thread, queueThread) << e.kind;
     EXPECT_TRUE(delivery.queuedFirst(3));
+}
+
+// The stock reporter on a real transfer logs start, progress, completion and metrics in that
+// order; each line's text is pinned by the reporter's and the messages' own tests.
+TEST(ClientDelegates, ReporterLogsAOnePartTransferInEventOrder) {
+    Transfer t(kPart, 1);
+    auto lines = std::make_shared<LogRecord>();
+    auto reporter = std::make_shared<LoggingProgressReporter>(
+        Logger("reporter", std::make_unique<RecordingLogHandler>(lines)));
+    reporter->logger().setLogLevel(Logger::Level::info);
+    t.client->addDelegate(reporter, nullptr);
+    t.submitParts(kPart);
+    EXPECT_EQ(t.run(), 0);
+    std::vector<std::string> prefixes;
+    for (const auto& message : lines->messages()) {
+        const std::string prefix = message.substr(0, message.find(": {") + 2);
+        if (prefixes.empty() || prefixes.back() != prefix)
+            prefixes.push_back(prefix);
+    }
+    EXPECT_EQ(prefixes, (std::vector<std::string>{"part-started: ", "part-progress: ",
+                                                  "part-complete: ", "transfer-metrics: "}));
 }
 
 }  // namespace

@@ -26,12 +26,11 @@ struct InjectedFault {
 
 class RandomFaults {
   public:
-    // Each attempt below `faultyAttempts` fails with probability `percent`/100, spread evenly
+    // Each of a part's first ten attempts fails with probability `percent`/100, spread evenly
     // over the five kinds. A stall holds the body for `stallSecs`; a drop comes after a random
     // number of body bytes below `partLength`.
-    RandomFaults(uint64_t seed, unsigned percent, double stallSecs, uint64_t partLength,
-                 uint32_t faultyAttempts = 10)
-        : plan_(std::make_shared<Plan>(seed, percent, stallSecs, partLength, faultyAttempts)) {}
+    RandomFaults(uint64_t seed, unsigned percent, double stallSecs, uint64_t partLength)
+        : plan_(std::make_shared<Plan>(seed, percent, stallSecs, partLength)) {}
 
     // The fault script for Receiver::setFaultScript. It shares the plan, so it may outlive this
     // object (connections still being served when a test ends ask it too).
@@ -63,17 +62,9 @@ class RandomFaults {
 
   private:
     struct Plan {
-        Plan(uint64_t seed, unsigned percent, double stallSecs, uint64_t partLength,
-             uint32_t faultyAttempts)
-            : seed(seed),
-              percent(percent),
-              stallSecs(stallSecs),
-              partLength(partLength),
-              faultyAttempts(faultyAttempts) {}
-
         std::optional<receiver::Fault> decide(const receiver::RequestInfo& info) {
             const uint64_t part = info.partNumber.value_or(0);
-            if (info.attempt >= faultyAttempts) {
+            if (info.attempt >= 10) {
                 return std::nullopt;
             }
             std::mt19937_64 generator(seed ^ (part * 0x9e3779b97f4a7c15ULL) ^
@@ -120,7 +111,6 @@ class RandomFaults {
         const unsigned percent;
         const double stallSecs;
         const uint64_t partLength;
-        const uint32_t faultyAttempts;
         std::mutex mutex;
         std::map<std::pair<uint64_t, uint32_t>, InjectedFault> injected;  // guarded by mutex
     };

@@ -1,4 +1,4 @@
-// Rate units, the unit choice, the monitor's counters and the metrics it builds.
+// Rate units, the unit choice, elapsed time and the counts that stop the process.
 #include <gtest/gtest.h>
 
 #include <cmath>
@@ -66,29 +66,7 @@ TEST(ThroughputMonitor, ElapsedTimeRunsFromTheFirstStart) {
     EXPECT_DOUBLE_EQ(monitor.elapsedTime(), 0.25);
 }
 
-TEST(ThroughputMonitor, CountersAndMetrics) {
-    ThroughputMonitor monitor;
-    monitor.recordStart(ThroughputMonitor::Clock::now());
-    monitor.recordProgress(600);
-    monitor.recordProgress(400);
-    monitor.recordRetry(300);  // the failed attempt's bytes move from sent to lost
-    monitor.recordProgress(0);
-    monitor.recordCompletion();
-    monitor.recordFailure();
-    EXPECT_EQ(monitor.bytesSentCounter, 700u);
-    EXPECT_EQ(monitor.lostBytesCounter, 300u);
-    EXPECT_EQ(monitor.retryCounter, 1u);
-    EXPECT_EQ(monitor.partsSentCounter, 1u);
-    EXPECT_EQ(monitor.failureCounter, 1u);
-
-    monitor.endTime = *monitor.startTime + 1s;
-    auto metrics = monitor.metrics(3);
-    EXPECT_EQ(metrics->jsonString(),
-              R"({"totalPartsRequested":3,"bytesSent":700,"bytesLost":300,"partsSent":1,)"
-              R"("retryCount":1,"failureCount":1,"elapsedTimeSecs":1.0,"throughput":700.0,)"
-              R"("throughputUOM":"Bytes/sec"})");
-}
-
+// The counters behind the metrics are pinned end to end by the fault soak.
 TEST(ThroughputMonitorDeathTest, ImpossibleCountsStop) {
     ThroughputMonitor monitor;
     EXPECT_DEATH(monitor.elapsedTime(), "before startTime");

@@ -7,6 +7,7 @@
 #include <pellorin/PellorinClient.h>
 
 #include <chrono>
+#include <cstdlib>
 #include <filesystem>
 #include <future>
 #include <memory>
@@ -22,6 +23,13 @@
 #include "support/TempDir.h"
 
 namespace pellorin::testing {
+
+// The decimal number in the environment variable `name`, or `fallback` when it is unset or empty:
+// the soak benchmark makes the long-running tests larger that way.
+inline uint64_t sizeFromEnvironment(const char* name, uint64_t fallback) {
+    const char* text = std::getenv(name);
+    return text && *text ? std::strtoull(text, nullptr, 10) : fallback;
+}
 
 class Transfer {
   public:

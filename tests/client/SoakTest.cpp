@@ -1,8 +1,8 @@
-// A long transfer against a receiver that fails about a quarter of all attempts at random (server
-// errors, "429 Retry-After: 0", dropped connections, stalls past the idle time-out, wrong
+// Long transfers. One against a receiver that fails about a quarter of all attempts at random
+// (server errors, "429 Retry-After: 0", dropped connections, stalls past the idle time-out, wrong
 // checksums): every part must arrive exactly once, byte for byte, and the client's counts must
 // match what was injected. PELLORIN_SOAK_PARTS and PELLORIN_SOAK_SEED change the size and the
-// plan (bench/soak runs it large).
+// plan (bench/soak runs it large). Another counts what many parts leave behind.
 #include <gtest/gtest.h>
 
 #include <chrono>
@@ -12,8 +12,8 @@
 
 #include "Platform/UrlError.h"
 #include "RandomFaults.h"
-#include "TestSize.h"
 #include "TransferFixture.h"
+#include "support/ProcessResources.h"
 
 namespace pellorin::testing {
 namespace {
@@ -111,6 +111,36 @@ TEST(FaultSoak, EveryPartArrivesOnceAndTheCountsMatchTheInjectedFaults) {
                 static_cast<unsigned long long>(parts), static_cast<unsigned long long>(kPart),
                 static_cast<unsigned long long>(faults.total()), kinds.c_str() + 1, elapsed,
                 double(parts) / elapsed);
+}
+
+// Ten thousand tiny parts through one process, several clients in turn: afterwards the process
+// has as many descriptors and threads as before (and, under AddressSanitizer, LeakSanitizer
+// checks the heap at exit). PELLORIN_RESOURCE_PARTS changes the total.
+TEST(ResourceSoak, TenThousandPartsLeaveNoDescriptorOrThreadBehind) {
+    constexpr uint64_t kPart = 64;
+    constexpr int kClients = 5;
+    const uint64_t total = sizeFromEnvironment("PELLORIN_RESOURCE_PARTS", 10'000);
+    {
+        Transfer warmUp(kPart);
+        warmUp.submitParts(kPart);
+        warmUp.run();
+    }  // one-time globals: libcurl, OpenSSL, the logging system
+    const ProcessResources before = settledResources();
+
+    uint64_t completed = 0;
+    for (int client = 0; client < kClients; ++client) {
+        Transfer t(total / kClients * kPart, 16, 3);
+        t.submitParts(kPart);
+        ASSERT_EQ(t.run(std::chrono::seconds(120)), 0);
+        ASSERT_TRUE(t.delegate->waitForFinish());
+        completed += t.delegate->metrics->partsSent();
+        EXPECT_EQ(md5HexOfFile(t.copy()), md5HexOfFile(t.source));
+    }
+    EXPECT_EQ(completed, total / kClients * kClients);
+
+    const ProcessResources after = waitForResources(before);
+    EXPECT_EQ(after.threads, before.threads);
+    EXPECT_EQ(after.descriptors, before.descriptors);
 }
 
 }  // namespace
