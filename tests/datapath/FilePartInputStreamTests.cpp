@@ -1,3 +1,5 @@
+// The part data path over a real file: the shared file's range checks and the part stream's bytes,
+// digest, events and permits.
 #include "datapath/FilePartInputStream.h"
 
 #include <fcntl.h>
@@ -5,15 +7,34 @@
 
 #include <gtest/gtest.h>
 
+#include <cerrno>
 #include <cstdio>
 #include <cstdlib>
+#include <fstream>
+#include <iterator>
 
-#include "FileBytes.h"
 #include "Platform/Encoding.h"
 #include "support/TempDir.h"
 
 namespace pellorin {
 namespace {
+
+std::vector<uint8_t> fileBytes(const std::filesystem::path& path) {
+    std::ifstream in(path, std::ios::binary);
+    return {std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>()};
+}
+
+// The SharedFileError that `action` throws (a failure when it throws none).
+template <typename F>
+SharedFileError thrownBy(F&& action) {
+    try {
+        action();
+    } catch (const SharedFileError& error) {
+        return error;
+    }
+    ADD_FAILURE() << "no SharedFileError thrown";
+    return {};
+}
 
 std::vector<uint8_t> md5Of(std::span<const uint8_t> bytes) {
     auto digest = newDigest(DigestAlgorithm::md5);
@@ -43,12 +64,31 @@ class PartStream : public ::testing::Test, public StreamDelegate {
 
     testing::TempDir temp;
     const std::filesystem::path path = temp.makeFile("f", 300, 1);
-    const std::vector<uint8_t> content = testing::fileBytes(path);
+    const std::vector<uint8_t> content = fileBytes(path);
     std::shared_ptr<SharedFile> file = std::make_shared<SharedFile>(path);
     std::shared_ptr<SerialQueue> queue = SerialQueue::make("events");
     std::vector<std::shared_ptr<FilePartInputStream>> streams;
     std::vector<StreamEvent> events;  // on `queue` only
 };
+
+TEST_F(PartStream, SharedFileRangeEdgesAndOpenFailures) {
+    SharedFile empty(temp.makeFile("empty", 0, 1));
+    uint8_t bytes[2];
+    EXPECT_EQ(thrownBy([&] { empty.read(bytes, 0, 0); }).kind, SharedFileError::Kind::SeekPastEnd);
+    EXPECT_EQ(file->read(bytes, 299, 1), 1);
+    EXPECT_EQ(bytes[0], content[299]);
+    EXPECT_EQ(thrownBy([&] { file->read(bytes, 300, 1); }).description(),
+              "SeekPastEnd(offset: 300, fileSize: 300)");
+    EXPECT_EQ(thrownBy([&] { file->read(bytes, 299, 2); }).description(),
+              "ReadPastEnd(offset: 299, length: 2, fileSize: 300)");
+    EXPECT_EQ(file->read(3, 4), std::vector<uint8_t>(content.begin() + 3, content.begin() + 7));
+    EXPECT_FALSE(file->read(3, 0));  // nothing read: no data
+
+    const SharedFileError missing = thrownBy([&] { SharedFile gone(temp.path() / "missing"); });
+    EXPECT_EQ(missing.kind, SharedFileError::Kind::IO);
+    EXPECT_EQ(missing.errnoValue, ENOENT);
+    EXPECT_EQ(thrownBy([&] { SharedFile directory(temp.path()); }).errnoValue, EISDIR);
+}
 
 TEST_F(PartStream, EveryReadSizeServesExactlyTheRangeAndItsDigest) {
     auto emptyFile = std::make_shared<SharedFile>(temp.makeFile("empty", 0, 1));
