@@ -78,7 +78,8 @@ TEST(ClientCancel, InFlightPartsEndCancelledAndWaitingPartsFailInQueueOrderUnsen
     EXPECT_TRUE(t.delegate->completed.empty());
     EXPECT_EQ(t.delegate->metrics->failureCount(), 8u);
 
-    EXPECT_TRUE(delivery.queuedFirst(8));
+    EXPECT_EQ(DeliveryOrder::seen(*delivery.queued, "failed"), 8u);
+    EXPECT_EQ(delivery.early, 0);
     const auto messages = t.log->messages();
     EXPECT_EQ(std::count(messages.begin(), messages.end(), "Upload cancelled by user."), 1);
     EXPECT_EQ(std::count(messages.begin(), messages.end(), "Upload was previously cancelled."), 1);

@@ -5,6 +5,8 @@
 
 #include <openssl/tls1.h>
 
+#include <map>
+
 #include <pellorin/LoggingProgressReporter.h>
 
 #include "Platform/UrlError.h"
@@ -79,26 +81,13 @@ TEST(ClientSecurity, HeaderValuesOfPartsNeverReachTheLog) {
     Transfer t(5 * kPart, 4, 1);
     // Every ending that logs: success, retries after a server error and a dropped connection,
     // an answer that is not HTTP, a permanent failure.
-    t.receiver->setFaultScript([](const RequestInfo& info) -> std::optional<Fault> {
-        Fault fault;
-        switch (info.partNumber.value_or(0)) {
-            case 2:
-                fault.status = 500;
-                fault.retryAfter = "0";
-                break;
-            case 3:
-                fault.closeAfterBodyBytes = 100;
-                break;
-            case 4:
-                fault.garbageResponse = true;
-                break;
-            case 5:
-                fault.status = 403;
-                break;
-            default:
-                return std::nullopt;
-        }
-        return fault;
+    const std::map<uint64_t, Fault> faults{{2, Fault{.status = 500, .retryAfter = "0"}},
+                                           {3, Fault{.closeAfterBodyBytes = 100}},
+                                           {4, Fault{.garbageResponse = true}},
+                                           {5, Fault{.status = 403}}};
+    t.receiver->setFaultScript([faults](const RequestInfo& info) -> std::optional<Fault> {
+        const auto found = faults.find(info.partNumber.value_or(0));
+        return found == faults.end() ? std::nullopt : std::optional(found->second);
     });
     auto reporter = std::make_shared<LoggingProgressReporter>(
         Logger("test.reporter", std::make_unique<RecordingLogHandler>(t.log)));

@@ -137,7 +137,8 @@ TEST(ClientDelegates, WeakTwiceRemovedAndQueuedDelegatesAreHonoured) {
     EXPECT_TRUE(removed->events.empty());
     for (const auto& e : delivery.queued->events)
         EXPECT_EQ(e.thread, queueThread) << e.kind;
-    EXPECT_TRUE(delivery.queuedFirst(3));
+    EXPECT_EQ(DeliveryOrder::seen(*delivery.queued, "complete"), 3u);
+    EXPECT_EQ(delivery.early, 0);
 }
 
 // The stock reporter on a real transfer logs start, progress, completion and metrics in that

@@ -6,6 +6,8 @@
 
 #include <pellorin/PellorinClient.h>
 
+#include <algorithm>
+#include <atomic>
 #include <chrono>
 #include <cstdlib>
 #include <filesystem>
@@ -94,50 +96,32 @@ class Transfer {
     std::shared_ptr<PellorinClient> client;
 };
 
-// A slow delegate on a queue of its own, registered before a direct one; each records its turn
-// for every event of `kind`. Delivery that waits for the queued delegate gives "queued", "direct"
-// pairs however slow it is.
-class DeliveryOrder {
-  public:
-    DeliveryOrder(PellorinClient& client, std::string kind) : kind_(std::move(kind)) {
-        queued->onEvent = [this](const RecordingDelegate::Event& e) {
-            if (e.kind == kind_) {
+// A slow delegate on a queue of its own, registered before a direct one that counts the events
+// of `kind` it receives before the queued one has: delivery that waits for queued delegates,
+// however slow, keeps that count at 0.
+struct DeliveryOrder {
+    DeliveryOrder(PellorinClient& client, const std::string& kind) {
+        queued->onEvent = [kind](const RecordingDelegate::Event& e) {
+            if (e.kind == kind)
                 std::this_thread::sleep_for(std::chrono::milliseconds(10));
-                add("queued");
-            }
         };
-        direct->onEvent = [this](const RecordingDelegate::Event& e) {
-            if (e.kind == kind_) {
-                add("direct");
-            }
+        direct->onEvent = [this, kind](const RecordingDelegate::Event& e) {
+            if (e.kind == kind && seen(*queued, kind) < seen(*direct, kind))
+                ++early;
         };
         client.addDelegate(queued, queue);
         client.addDelegate(direct, nullptr);
     }
-
-    // Whether `count` events each reached the queued delegate before the direct one.
-    bool queuedFirst(size_t count) const {
-        std::vector<std::string> expected;
-        for (size_t i = 0; i < count; ++i) {
-            expected.insert(expected.end(), {"queued", "direct"});
-        }
-        std::lock_guard lock(mutex_);
-        return order_ == expected;
+    static size_t seen(const RecordingDelegate& delegate, const std::string& kind) {
+        std::lock_guard lock(delegate.mutex);
+        return std::count_if(delegate.events.begin(), delegate.events.end(),
+                             [&](const auto& e) { return e.kind == kind; });
     }
 
     const std::shared_ptr<SerialQueue> queue = SerialQueue::make("host delegate queue");
     const std::shared_ptr<RecordingDelegate> queued = std::make_shared<RecordingDelegate>();
     const std::shared_ptr<RecordingDelegate> direct = std::make_shared<RecordingDelegate>();
-
-  private:
-    void add(const char* who) {
-        std::lock_guard lock(mutex_);
-        order_.push_back(who);
-    }
-
-    const std::string kind_;
-    mutable std::mutex mutex_;
-    std::vector<std::string> order_;  // guarded by mutex_
+    std::atomic<int> early{0};
 };
 
 }  // namespace pellorin::testing
