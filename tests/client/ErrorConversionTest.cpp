@@ -2,7 +2,6 @@
 #include <gtest/gtest.h>
 
 #include "client/ErrorConversion.h"
-#include "client/Localization.h"
 
 using namespace pellorin;
 
@@ -55,11 +54,4 @@ TEST(ErrorConversion, PlatformErrorKeepsItsOwnFields) {
     auto bare = toErrorMessage(PellorinError::nsError({"POSIXErrorDomain", 2, "No such file", {}}));
     ASSERT_TRUE(bare->userInfo().has_value());
     EXPECT_TRUE(bare->userInfo()->empty());
-}
-
-TEST(ErrorConversion, TemplatesFillInOrderOrByPosition) {
-    EXPECT_EQ(formatLocalized("%2$d then %1$@", {"a", "7"}), "7 then a");
-    EXPECT_EQ(formatLocalized("%@/%d and 100%%", {"x", "3"}), "x/3 and 100%");
-    EXPECT_EQ(formatLocalized("%@ %@ %3$@ %0$@ %q %", {"only"}), "only %@ %3$@ %0$@ %q %");
-    EXPECT_EQ(localizedString("Cancelled by user."), "Cancelled by user.");
 }
