@@ -1,6 +1,8 @@
 // The progress reporter's lines: prefix plus compact JSON, at notice, encoded at every level.
 #include <gtest/gtest.h>
 
+#include <array>
+
 #include <pellorin/LoggingProgressReporter.h>
 
 #include "support/RecordingLogHandler.h"
@@ -10,47 +12,30 @@ namespace recording = pellorin::testing;
 
 namespace {
 
-struct Recorded {
-    std::shared_ptr<recording::LogRecord> record = std::make_shared<recording::LogRecord>();
-    LoggingProgressReporter reporter;
-
-    explicit Recorded(Logger::Level level)
-        : reporter(Logger("upload-client",
-                          std::make_unique<recording::RecordingLogHandler>(record, "", level))) {}
-};
-
-// One reported event: the line the reporter returned and what the line must be made of.
-struct Reported {
-    std::string line, prefix, json, function;
-};
-
-template <typename Message>
-Reported reportOne(const LoggingProgressReporter& reporter, const Message& message,
-                   std::string prefix, std::string function) {
-    return {reporter.report(message), std::move(prefix), message.jsonString(), std::move(function)};
-}
-
-// Reports one of every event, in the order a one-part transfer with one retry would.
-std::vector<Reported> reportAll(const LoggingProgressReporter& reporter) {
+// One of every event, in the order a one-part transfer with one retry would report them: what the
+// reporter returned, its prefix, the message's JSON and the function the line names.
+std::vector<std::array<std::string, 4>> reportAll(const LoggingProgressReporter& reporter) {
     auto error =
         std::make_shared<const ErrorMessage>("URLErrorDomain", -1005, "lost", std::nullopt);
     const std::string path = "/d/a.bin";
+    auto report = [&](const auto& message, const char* prefix, const char* function) {
+        return std::array<std::string, 4>{reporter.report(message), prefix, message.jsonString(),
+                                          function};
+    };
     return {
-        reportOne(reporter, PartStartedMessage(path, 1, 0),
-                  "part-started: ", "pellorinClient(_:didStartPart:)"),
-        reportOne(reporter, PartProgressMessage(path, 1, 10, 4, 4),
-                  "part-progress: ", "pellorinClient(_:didReceivePartProgress:)"),
-        reportOne(reporter, FileProgressMessage(path, 10, 4),
-                  "file-progress: ", "pellorinClient(_:didReceiveFileProgress:)"),
-        reportOne(reporter, PartRetryMessage(path, 1, 4, 1, 0.5, error),
-                  "part-retry: ", "pellorinClient(_:willRetryPart:)"),
-        reportOne(reporter, PartCompleteMessage(path, 1, "\"e1\""),
-                  "part-complete: ", "pellorinClient(_:partDidComplete:)"),
-        reportOne(reporter, PartFailureMessage(path, 2, *Url::parse("http://h/p"), {error}),
-                  "part-failed: ", "pellorinClient(_:partDidFail:)"),
-        reportOne(reporter,
-                  MetricsMessage(2, 10, 4, 1, 1, 1, 1.0, 10.0, "Bytes/sec", {{{"secret", "x"}}}),
-                  "transfer-metrics: ", "pellorinClient(_:didFinishWithStatus:metrics:)"),
+        report(PartStartedMessage(path, 1, 0), "part-started: ", "pellorinClient(_:didStartPart:)"),
+        report(PartProgressMessage(path, 1, 10, 4, 4),
+               "part-progress: ", "pellorinClient(_:didReceivePartProgress:)"),
+        report(FileProgressMessage(path, 10, 4),
+               "file-progress: ", "pellorinClient(_:didReceiveFileProgress:)"),
+        report(PartRetryMessage(path, 1, 4, 1, 0.5, error),
+               "part-retry: ", "pellorinClient(_:willRetryPart:)"),
+        report(PartCompleteMessage(path, 1, "\"e1\""),
+               "part-complete: ", "pellorinClient(_:partDidComplete:)"),
+        report(PartFailureMessage(path, 2, *Url::parse("http://h/p"), {error}),
+               "part-failed: ", "pellorinClient(_:partDidFail:)"),
+        report(MetricsMessage(2, 10, 4, 1, 1, 1, 1.0, 10.0, "Bytes/sec", std::nullopt),
+               "transfer-metrics: ", "pellorinClient(_:didFinishWithStatus:metrics:)"),
     };
 }
 
@@ -58,15 +43,18 @@ std::vector<Reported> reportAll(const LoggingProgressReporter& reporter) {
 
 TEST(LoggingProgressReporter, LogsEachEventAsPrefixAndCompactJsonAtNoticeAndEncodesItAlways) {
     for (const Logger::Level level : {Logger::Level::info, Logger::Level::warning}) {
-        Recorded recorded(level);
-        const auto reported = reportAll(recorded.reporter);
-        const auto entries = recorded.record->entries();
+        auto record = std::make_shared<recording::LogRecord>();
+        const LoggingProgressReporter reporter(Logger(
+            "upload-client", std::make_unique<recording::RecordingLogHandler>(record, "", level)));
+        const auto reported = reportAll(reporter);
+        const auto entries = record->entries();
         ASSERT_EQ(entries.size(), level == Logger::Level::info ? reported.size() : 0u);
         for (size_t i = 0; i < reported.size(); ++i) {
-            EXPECT_EQ(reported[i].line, reported[i].prefix + reported[i].json);
+            const auto& [line, prefix, json, function] = reported[i];
+            EXPECT_EQ(line, prefix + json);
             if (i < entries.size()) {
-                EXPECT_EQ(entries[i].message, reported[i].line);
-                EXPECT_EQ(entries[i].function, reported[i].function);
+                EXPECT_EQ(entries[i].message, line);
+                EXPECT_EQ(entries[i].function, function);
                 EXPECT_EQ(entries[i].level, Logger::Level::notice);
                 EXPECT_EQ(entries[i].source, "Sources");
                 EXPECT_EQ(entries[i].file, "PellorinClient/LoggingProgressReporter");
