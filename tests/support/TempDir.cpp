@@ -5,21 +5,12 @@
 #include <algorithm>
 #include <cstring>
 #include <fstream>
+#include <functional>
+#include <random>
 #include <stdexcept>
 #include <vector>
 
 namespace pellorin::testing {
-
-namespace {
-
-// splitmix64's output function: a good 64-bit mix of a counter.
-uint64_t mix(uint64_t x) {
-    x = (x ^ (x >> 30)) * 0xbf58476d1ce4e5b9ULL;
-    x = (x ^ (x >> 27)) * 0x94d049bb133111ebULL;
-    return x ^ (x >> 31);
-}
-
-}  // namespace
 
 TempDir::TempDir() {
     std::string pattern = std::filesystem::temp_directory_path() / "pellorin-test-XXXXXX";
@@ -39,16 +30,13 @@ std::filesystem::path TempDir::makeFile(const std::string& name, uint64_t size,
                                         uint64_t seed) const {
     const auto file = path_ / name;
     std::ofstream out(file, std::ios::binary | std::ios::trunc);
-    constexpr uint64_t kChunkWords = 128 * 1024;  // 1 MiB per write
-    std::vector<uint64_t> words(kChunkWords);
-    const uint64_t base = mix(seed) * 0x9e3779b97f4a7c15ULL;
-    for (uint64_t offset = 0; out && offset < size; offset += kChunkWords * 8) {
-        const uint64_t firstWord = offset / 8;
-        for (uint64_t i = 0; i < kChunkWords; ++i) {
-            words[i] = mix(base + firstWord + i);
-        }
-        const uint64_t count = std::min(size - offset, kChunkWords * 8);
+    std::mt19937_64 generator(seed);
+    std::vector<uint64_t> words(128 * 1024);  // 1 MiB per write
+    for (uint64_t left = size; out && left > 0;) {
+        std::generate(words.begin(), words.end(), std::ref(generator));
+        const uint64_t count = std::min<uint64_t>(left, words.size() * 8);
         out.write(reinterpret_cast<const char*>(words.data()), static_cast<std::streamsize>(count));
+        left -= count;
     }
     out.close();
     if (!out) {
