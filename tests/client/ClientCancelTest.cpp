@@ -40,12 +40,8 @@ TEST(ClientCancel, InFlightPartsEndCancelledAndWaitingPartsFailInQueueOrderUnsen
     constexpr uint64_t kPart = 64 * 1024;
     Transfer t(8 * kPart, 2, 3);
     // The first two parts stall at the server, so they are in flight when the host cancels.
-    t.receiver->setFaultScript([](const RequestInfo& info) -> std::optional<Fault> {
-        if (info.partNumber.value_or(0) > 2)
-            return std::nullopt;
-        Fault fault;
-        fault.stallSecs = 30;
-        return fault;
+    t.receiver->setFaultScript([](const RequestInfo& info) {
+        return info.partNumber <= 2u ? std::optional(Fault{.stallSecs = 30}) : std::nullopt;
     });
     // Failures of cancelled parts reach a queued delegate synchronously: it sees each one before
     // the direct delegate registered after it, although it is slow.
@@ -99,13 +95,9 @@ TEST(ClientCancel, CancellingBeforeAnythingStartedStillLetsTheWaitReturn) {
 TEST(CancelUnderLoad, APartRetriedAfterTheCancellationFailsInsteadOfWaitingForever) {
     constexpr uint64_t kPart = 16 * 1024;
     Transfer t(2 * kPart, 2, 3);
-    t.receiver->setFaultScript([](const RequestInfo& info) -> std::optional<Fault> {
-        if (info.partNumber != 1u || info.attempt != 0)
-            return std::nullopt;
-        Fault fault;
-        fault.stallSecs = 0.3;
-        fault.closeAfterBodyBytes = 10;
-        return fault;
+    t.receiver->setFaultScript([](const RequestInfo& info) {
+        const Fault dropLate{.closeAfterBodyBytes = 10, .stallSecs = 0.3};
+        return info.partNumber == 1u && info.attempt == 0 ? std::optional(dropLate) : std::nullopt;
     });
     // Runs on the client's delegate queue: the cancellation is queued there, and the queue is
     // held until the dropped connection's ending has been queued behind it.

@@ -32,10 +32,8 @@ TEST(ClientRetry, ServerErrorsAreRetriedWithTheServersWaitWithoutBeingHeldBack) 
                           Case{503, "Wed, 21 Oct 2015 07:28:00 GMT", 120.0}}) {
         SCOPED_TRACE(c.status);
         Transfer t(2 * kPart, 2);
-        Fault fault;
-        fault.status = c.status;
-        fault.retryAfter = c.retryAfter;
-        t.receiver->setFaultScript(onPartOne(fault, 1));
+        t.receiver->setFaultScript(
+            onPartOne(Fault{.status = c.status, .retryAfter = c.retryAfter}, 1));
         t.submitParts(kPart);
         // Finishing well inside the requested wait shows the wait only orders the queue.
         EXPECT_EQ(t.run(std::chrono::seconds(20)), 0);
@@ -63,15 +61,10 @@ TEST(ClientRetry, ServerErrorsAreRetriedWithTheServersWaitWithoutBeingHeldBack) 
 TEST(ClientRetry, DroppedConnectionsBackOffOneTwoFourSecondsAndChecksumMismatchesDoNotWait) {
     Transfer t(2 * kPart, 2, 3);
     t.receiver->setFaultScript([](const RequestInfo& info) -> std::optional<Fault> {
-        Fault fault;
-        if (info.partNumber == 1u && info.attempt < 3) {
-            fault.closeAfterBodyBytes = 1000;
-            return fault;
-        }
-        if (info.partNumber == 2u && info.attempt == 0) {
-            fault.wrongChecksum = true;
-            return fault;
-        }
+        if (info.partNumber == 1u && info.attempt < 3)
+            return Fault{.closeAfterBodyBytes = 1000};
+        if (info.partNumber == 2u && info.attempt == 0)
+            return Fault{.wrongChecksum = true};
         return std::nullopt;
     });
     t.submitParts(kPart);
@@ -100,19 +93,13 @@ TEST(ClientRetry, SpentBudgetFailsWithTheWholeHistory) {
         Fault fault;
         std::vector<int64_t> expectedCodes;  // the failure's error list
     };
-    Fault unavailable;
-    unavailable.status = 503;
-    Fault dropped;
-    dropped.closeAfterBodyBytes = 10;
-    Fault quoted;
-    quoted.quotedETag = true;
     // A server-requested retry travels only in the retry messages; network errors and checksum
     // mismatches stay in the part's history.
-    for (const Case& c : {Case{unavailable, {1}},
-                          Case{dropped,
+    for (const Case& c : {Case{Fault{.status = 503}, {1}},
+                          Case{Fault{.closeAfterBodyBytes = 10},
                                {URLError::networkConnectionLost, URLError::networkConnectionLost,
                                 URLError::networkConnectionLost, 1}},
-                          Case{quoted, {2, 2, 2, 1}}}) {
+                          Case{Fault{.quotedETag = true}, {2, 2, 2, 1}}}) {
         Transfer t(kPart, 2, 2);
         t.receiver->setFaultScript(onPartOne(c.fault, 4));
         t.submitParts(kPart);
@@ -133,20 +120,13 @@ TEST(ClientRetry, SpentBudgetFailsWithTheWholeHistory) {
 TEST(ClientRetry, PermanentFailuresAreNotRetried) {
     const std::map<uint64_t, int> statuses{{1, 204}, {2, 404}, {3, 499}, {4, 600}};
     Transfer t(6 * kPart, 4, 3);
-    t.receiver->setFaultScript([&](const RequestInfo& info) -> std::optional<Fault> {
-        Fault fault;
-        if (auto found = statuses.find(info.partNumber.value_or(0)); found != statuses.end()) {
-            fault.status = found->second;
-            return fault;
-        }
-        if (info.partNumber == 5u) {
-            fault.noChecksum = true;
-            return fault;
-        }
-        if (info.partNumber == 6u) {
-            fault.upperCaseETag = true;  // matches: the comparison ignores case
-            return fault;
-        }
+    t.receiver->setFaultScript([statuses](const RequestInfo& info) -> std::optional<Fault> {
+        if (auto found = statuses.find(info.partNumber.value_or(0)); found != statuses.end())
+            return Fault{.status = found->second};
+        if (info.partNumber == 5u)
+            return Fault{.noChecksum = true};
+        if (info.partNumber == 6u)
+            return Fault{.upperCaseETag = true};  // matches: the comparison ignores case
         return std::nullopt;
     });
     t.submitParts(kPart);

@@ -2,6 +2,7 @@
 // connection limit, the delegate registry and bad parts.
 #include <gtest/gtest.h>
 
+#include <array>
 #include <map>
 #include <thread>
 
@@ -29,23 +30,20 @@ TEST_P(ClientTransferTest, UploadsEveryPartExactlyOnceAndReportsIt) {
 
     std::lock_guard lock(t.delegate->mutex);
     EXPECT_EQ(t.delegate->finishStatus, 0);
-    std::map<uint64_t, int> starts, completions;
-    std::map<uint64_t, int64_t> progress;
+    std::map<uint64_t, std::array<int64_t, 3>> seen;  // starts, progress bytes, completions
     for (const auto& m : t.delegate->started)
-        ++starts[m->partNumber()];
+        ++seen[m->partNumber()][0];
     for (const auto& m : t.delegate->progress)
-        progress[m->partNumber()] += m->bytesSent();
-    for (const auto& part : parts) {
-        const uint64_t n = part->partNumber();
-        EXPECT_EQ(starts[n], 1) << "part " << n;
-        EXPECT_EQ(progress[n], static_cast<int64_t>(part->length())) << "part " << n;
-    }
+        seen[m->partNumber()][1] += m->bytesSent();
     for (const auto& m : t.delegate->completed) {
-        ++completions[m->partNumber()];
+        ++seen[m->partNumber()][2];
         const auto& part = parts.at(m->partNumber() - 1);
         EXPECT_EQ(m->eTag(), md5HexOfRange(t.source, part->offset(), part->length()));
     }
-    EXPECT_EQ(completions.size(), parts.size());
+    for (const auto& part : parts) {
+        EXPECT_EQ(seen[part->partNumber()], (std::array<int64_t, 3>{1, int64_t(part->length()), 1}))
+            << "part " << part->partNumber();
+    }
     EXPECT_TRUE(t.delegate->failed.empty());
     ASSERT_TRUE(t.delegate->metrics);
     EXPECT_EQ(t.delegate->metrics->totalPartsRequested(), static_cast<int64_t>(parts.size()));

@@ -45,15 +45,13 @@ TEST(HttpErrorsTest, EachRealFailureMapsToItsCode) {
     receiver::Receiver receiver;
     receiver.start();
     receiver.setFaultScript([](const receiver::RequestInfo& info) {
-        receiver::Fault fault;
-        fault.garbageResponse = info.path.find("junk") != std::string::npos;
-        if (info.path.find("drop") != std::string::npos) {
-            fault.closeAfterBodyBytes = 100000;
-        }
-        if (info.path.find("stall") != std::string::npos) {
-            fault.stallSecs = 60;
-        }
-        return fault;
+        const auto has = [&](const char* word) {
+            return info.path.find(word) != std::string::npos;
+        };
+        return receiver::Fault{
+            .closeAfterBodyBytes = has("drop") ? std::optional<uint64_t>(100000) : std::nullopt,
+            .stallSecs = has("stall") ? std::optional(60.0) : std::nullopt,
+            .garbageResponse = has("junk")};
     });
     SessionConfiguration quick;
     quick.timeoutIntervalForRequest = 0.3;
