@@ -21,10 +21,7 @@ using receiver::RequestInfo;
 constexpr uint64_t kPart = 16 * 1024;
 
 receiver::ReceiverOptions tlsOptions(std::optional<int> maxVersion = std::nullopt) {
-    receiver::ReceiverOptions options;
-    options.tls = true;
-    options.tlsMaxVersion = maxVersion;
-    return options;
+    return {.tls = true, .tlsMaxVersion = maxVersion};
 }
 
 // The part failed for good on its first attempt with the given URL-loading error, and the

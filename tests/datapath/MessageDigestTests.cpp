@@ -23,18 +23,15 @@ const char* const kEmptyMessageDigests[] = {
     "63b931bd47417a81a538327af927da3e",
 };
 
-TEST(MessageDigest, EmptyMessageVectorsAndLengths) {
-    const int32_t lengths[] = {16, 20, 28, 32, 48, 64};
+TEST(MessageDigest, EmptyMessageVectorsFromEveryProvider) {
     for (size_t i = 0; i < allDigestAlgorithms.size(); ++i) {
-        EXPECT_EQ(length(allDigestAlgorithms[i]), lengths[i]);
-        EXPECT_EQ(isInsecure(allDigestAlgorithms[i]), i < 2);
         for (Factory make : kProviders) {
             auto digest = make(allDigestAlgorithms[i]);
             ASSERT_TRUE(digest);
             EXPECT_EQ(digest->algorithm(), allDigestAlgorithms[i]);
             digest->update({});
             const std::vector<uint8_t> bytes = digest->finalize();
-            EXPECT_EQ(std::ssize(bytes), digest->length());
+            EXPECT_EQ(std::ssize(bytes), length(allDigestAlgorithms[i]));
             EXPECT_EQ(hexString(bytes), kEmptyMessageDigests[i]);
         }
     }

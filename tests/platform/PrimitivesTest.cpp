@@ -3,6 +3,7 @@
 
 #include <atomic>
 #include <future>
+#include <numeric>
 #include <thread>
 
 #include <pellorin/SerialQueue.h>
@@ -27,10 +28,9 @@ TEST(SerialQueueTest, RunsBlocksInOrderAndSyncWaitsForThem) {
     queue->sync([&] { onQueue = queue->isCurrent(); });
     EXPECT_TRUE(onQueue);
     EXPECT_FALSE(queue->isCurrent());
-    ASSERT_EQ(seen.size(), 100u);
-    for (int i = 0; i < 100; ++i) {
-        EXPECT_EQ(seen[i], i);
-    }
+    std::vector<int> expected(100);
+    std::iota(expected.begin(), expected.end(), 0);
+    EXPECT_EQ(seen, expected);
 }
 
 TEST(SerialQueueTest, MayBeDestroyedFromItsOwnBlock) {

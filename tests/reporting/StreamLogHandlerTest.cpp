@@ -19,12 +19,9 @@ class CapturedStream {
     ~CapturedStream() { std::fclose(file_); }
     StdioOutputStream stream() const { return {file_, StdioOutputStream::FlushMode::always}; }
     std::vector<std::string> lines() const {
+        std::string all(static_cast<size_t>(std::ftell(file_)), '\0');  // written up to here
         std::rewind(file_);
-        std::string all;
-        char buffer[4096];
-        while (std::size_t n = std::fread(buffer, 1, sizeof buffer, file_)) {
-            all.append(buffer, n);
-        }
+        all.resize(std::fread(all.data(), 1, all.size(), file_));
         std::vector<std::string> result;
         std::istringstream in(all);
         for (std::string line; std::getline(in, line);) {

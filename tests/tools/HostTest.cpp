@@ -36,11 +36,9 @@ std::string errorOf(const std::filesystem::path& path) {
 }
 
 TEST(HostUnitsTest, SizesParseAndPrint) {
-    EXPECT_EQ(parseByteSize("4096"), 4096u);
     EXPECT_EQ(parseByteSize("8MiB"), 8u << 20);
     EXPECT_EQ(parseByteSize("8 mib"), 8u << 20);
     EXPECT_EQ(parseByteSize("1.5KiB"), 1536u);
-    EXPECT_EQ(parseByteSize("2G"), uint64_t{2} << 30);
     EXPECT_EQ(parseByteSize("100KB"), 100000u);
     EXPECT_EQ(parseByteSize("18446744073709551615"), UINT64_MAX);
     for (const char* bad :
