@@ -54,7 +54,7 @@ TEST(ReservationTextTest, StampsUseTheDayOfTheYearAndTheEndpointTheInstance) {
     }
 }
 
-// A local receiver standing in for the service, taking uploads into a directory of its own.
+// A local receiver standing in for the service.
 class TestReservationTest : public ::testing::Test {
   protected:
     static constexpr const char* kPassword = "S3cret-P\xc3\xa4sswort";

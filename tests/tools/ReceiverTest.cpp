@@ -4,6 +4,7 @@
 #include "receiver/Receiver.h"
 
 #include <arpa/inet.h>
+#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <netinet/in.h>
 #include <pellorin/Reservation.h>
@@ -150,11 +151,8 @@ TEST(Receiver, CountsAttemptsPerPathAndPartNumberUntilReset) {
 
 TEST(Receiver, StopsPromptlyWithStalledAndIdleClients) {
     Receiver receiver;
-    receiver.setFaultScript([](const RequestInfo& info) -> std::optional<Fault> {
-        if (info.partNumber == 1u) {
-            return Fault{.stallSecs = 60};
-        }
-        return Fault{.delayBeforeAnswerSecs = 60};
+    receiver.setFaultScript([](const RequestInfo& info) {
+        return info.partNumber == 1u ? Fault{.stallSecs = 60} : Fault{.delayBeforeAnswerSecs = 60};
     });
     receiver.start();
     RawClient stalled(receiver.port());
@@ -182,13 +180,9 @@ TEST(Receiver, StartFailsClearlyWhenThePortIsTaken) {
     Receiver first;
     first.start();
     Receiver second({.port = first.port()});
-    try {
-        second.start();
-        FAIL() << "a second receiver bound the same port";
-    } catch (const std::runtime_error& error) {
-        EXPECT_NE(std::string(error.what()).find("bind 127.0.0.1:" + std::to_string(first.port())),
-                  std::string::npos);
-    }
+    EXPECT_THAT([&] { second.start(); },
+                ::testing::ThrowsMessage<std::runtime_error>(
+                    ::testing::HasSubstr("bind 127.0.0.1:" + std::to_string(first.port()))));
 }
 
 // A reservation call describing files of the given sizes, named f0, f1, ...
