@@ -186,7 +186,7 @@ class CInterface(unittest.TestCase):
         source = os.path.join(self.dir.name, "slow.bin")
         with open(source, "wb") as f:
             f.write(os.urandom(4 * 256 * 1024))
-        rate = ctypes.c_uint64(200)  # KB/s: each part takes more than a second
+        rate = ctypes.c_uint64(200)  # KB/s: each part after the first takes more than a second
         client = self.lib.PLNPellorinClient_standardClient(ctypes.byref(rate), 1, 0)
         recorder = Recorder()
         started = threading.Event()
@@ -205,8 +205,11 @@ class CInterface(unittest.TestCase):
         self.assertEqual(self.wait(client), 1)
         canceller.join(10)
         self.lib.PLNPellorinClient_release(client)
+        # The first part of a file streams without the limiter and may be done before the
+        # cancellation; every other part is failed.
         failed = recorder.named("partDidFail")
-        self.assertEqual(len(failed), 4)
+        self.assertEqual(len(failed) + len(recorder.named("partDidComplete")), 4)
+        self.assertGreaterEqual(len(failed), 3)
         self.assertTrue(all(m["errors"] for m in failed))
         self.assertEqual(recorder.events[-1][2], 1)
 
