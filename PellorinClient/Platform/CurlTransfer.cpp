@@ -6,6 +6,7 @@
 #include <chrono>
 #include <cmath>
 
+#include "Platform/TransferThreads.h"
 #include "Platform/UrlError.h"
 
 namespace pellorin {
@@ -25,12 +26,6 @@ constexpr auto kProgressInterval = std::chrono::milliseconds(100);  // or up to 
 constexpr size_t kMaxKeptResponseBody = 64 * 1024 * 1024;  // a kept reply larger is refused
 constexpr double kDefaultIdleSecs = 60.0;
 constexpr double kMaxIdleSecs = 1e7;  // keeps the conversions to milliseconds in range
-
-// libcurl's global state is set up once per process, before the first handle is made.
-void ensureCurlGlobalInit() {
-    static const CURLcode initialised = curl_global_init(CURL_GLOBAL_DEFAULT);
-    (void)initialised;
-}
 
 // The idle time-out: the smaller of the session's and the request's, each when it is usable.
 double idleTimeoutSecs(const SessionConfiguration& configuration, const HttpRequest& request) {
@@ -82,12 +77,6 @@ const char* protocolName(long httpVersion) {
     }
 }
 
-struct EasyDeleter {
-    void operator()(CURL* easy) const { curl_easy_cleanup(easy); }
-};
-struct MultiDeleter {
-    void operator()(CURLM* multi) const { curl_multi_cleanup(multi); }
-};
 struct ListDeleter {
     void operator()(curl_slist* list) const { curl_slist_free_all(list); }
 };
@@ -95,19 +84,17 @@ struct ListDeleter {
 }  // namespace
 
 struct CurlTransfer::Impl {
-    Impl(const SessionConfiguration& configuration, const HttpRequest& request,
-         std::shared_ptr<InputStream> body, int64_t bodyLength, bool keepResponseBody,
-         TransferObserver observer)
-        : configuration(configuration),
+    Impl(const CurlHandles& handles, const SessionConfiguration& configuration,
+         const HttpRequest& request, std::shared_ptr<InputStream> body, int64_t bodyLength,
+         bool keepResponseBody, TransferObserver observer)
+        : easy(handles.easy),
+          multi(handles.multi),
+          configuration(configuration),
           request(request),
           body(std::move(body)),
           bodyLength(bodyLength),
           keepResponseBody(keepResponseBody),
-          observer(std::move(observer)) {
-        ensureCurlGlobalInit();
-        easy.reset(curl_easy_init());
-        multi.reset(curl_multi_init());
-    }
+          observer(std::move(observer)) {}
 
     std::optional<PlatformError> configure();
     TransferOutcome run();
@@ -119,7 +106,12 @@ struct CurlTransfer::Impl {
     static size_t receiveBody(char* data, size_t size, size_t count, void* user);
     static size_t receiveHeader(char* data, size_t size, size_t count, void* user);
     static int transferInfo(void* user, curl_off_t, curl_off_t, curl_off_t, curl_off_t uploaded);
+    static int seekBody(void* user, curl_off_t offset, int origin);
 
+    // Borrowed from the transfer thread; the easy handle is in the multi handle only while run()
+    // drives it, and is reset when the transfer is destroyed.
+    CURL* const easy;
+    CURLM* const multi;  // cancel() wakes it from another thread
     const SessionConfiguration& configuration;
     const HttpRequest& request;
     const std::shared_ptr<InputStream> body;
@@ -127,10 +119,7 @@ struct CurlTransfer::Impl {
     const bool keepResponseBody;
     const TransferObserver observer;
 
-    // Declared so that the handles go before the header list they point to.
-    std::unique_ptr<curl_slist, ListDeleter> headerList;
-    std::unique_ptr<CURL, EasyDeleter> easy;
-    std::unique_ptr<CURLM, MultiDeleter> multi;  // cancel() wakes it from another thread
+    std::unique_ptr<curl_slist, ListDeleter> headerList;  // outlives its use: see ~CurlTransfer
     std::atomic<bool> cancelled{false};
     char errorText[CURL_ERROR_SIZE] = {};
 
@@ -139,13 +128,19 @@ struct CurlTransfer::Impl {
     std::optional<PlatformError> bodyFailure;  // why the read callback aborted the transfer
     bool responseTooLarge = false;
     int64_t bytesReported = 0;  // body bytes already passed to observer.bodyBytesSent
+    // libcurl resends a request whose reused connection turns out to have closed before any
+    // answer; that needs the body from its start, which a stream cannot give. The resend then
+    // fails, and libcurl has started its byte counts again, so the bytes the closed connection
+    // took are remembered here.
+    bool connectionClosedMidBody = false;
+    int64_t mostBodyBytesSent = 0;
     Clock::time_point lastReport = Clock::now();
     HttpResponseParser responseParser{request.url};
     std::vector<uint8_t> responseBody;
 };
 
 std::optional<PlatformError> CurlTransfer::Impl::configure() {
-    if (!easy || !multi) {
+    if (easy == nullptr || multi == nullptr) {
         return urlError(URLError::unknown, "libcurl could not make a transfer handle");
     }
     auto append = [&](const std::string& line) {
@@ -181,7 +176,7 @@ std::optional<PlatformError> CurlTransfer::Impl::configure() {
     if (configuration.httpVersion == HttpVersion::http2) {
         httpVersion = secure ? CURL_HTTP_VERSION_2TLS : CURL_HTTP_VERSION_2_PRIOR_KNOWLEDGE;
     }
-    CURL* h = easy.get();
+    CURL* h = easy;
     CURLcode rc = CURLE_OK;
     auto set = [&](CURLoption option, auto value) {
         if (rc == CURLE_OK) {
@@ -201,6 +196,8 @@ std::optional<PlatformError> CurlTransfer::Impl::configure() {
     set(CURLOPT_HTTPHEADER, headerList.get());
     set(CURLOPT_READFUNCTION, &Impl::readBody);
     set(CURLOPT_READDATA, this);
+    set(CURLOPT_SEEKFUNCTION, &Impl::seekBody);
+    set(CURLOPT_SEEKDATA, this);
     set(CURLOPT_WRITEFUNCTION, &Impl::receiveBody);
     set(CURLOPT_WRITEDATA, this);
     set(CURLOPT_HEADERFUNCTION, &Impl::receiveHeader);
@@ -231,7 +228,7 @@ std::optional<PlatformError> CurlTransfer::Impl::configure() {
     if (rc != CURLE_OK) {
         return platformErrorFromCurlCode(rc, errorText);
     }
-    if (curl_multi_add_handle(multi.get(), h) != CURLM_OK) {
+    if (curl_multi_add_handle(multi, h) != CURLM_OK) {
         return urlError(URLError::unknown, "libcurl could not start the transfer");
     }
     return std::nullopt;
@@ -252,7 +249,7 @@ TransferOutcome CurlTransfer::Impl::run() {
     bool idle = false;
     for (;;) {
         int running = 0;
-        const CURLMcode multiResult = curl_multi_perform(multi.get(), &running);
+        const CURLMcode multiResult = curl_multi_perform(multi, &running);
         if (multiResult != CURLM_OK) {
             result = CURLE_OUT_OF_MEMORY;
             snprintf(errorText, sizeof errorText, "%s", curl_multi_strerror(multiResult));
@@ -261,7 +258,7 @@ TransferOutcome CurlTransfer::Impl::run() {
         }
         if (running == 0) {
             int left = 0;
-            while (CURLMsg* message = curl_multi_info_read(multi.get(), &left)) {
+            while (CURLMsg* message = curl_multi_info_read(multi, &left)) {
                 if (message->msg == CURLMSG_DONE) {
                     result = message->data.result;
                 }
@@ -275,9 +272,10 @@ TransferOutcome CurlTransfer::Impl::run() {
         // Any byte moving either way, headers included, counts as activity.
         curl_off_t up = 0, down = 0;
         long header = 0;
-        curl_easy_getinfo(easy.get(), CURLINFO_SIZE_UPLOAD_T, &up);
-        curl_easy_getinfo(easy.get(), CURLINFO_SIZE_DOWNLOAD_T, &down);
-        curl_easy_getinfo(easy.get(), CURLINFO_HEADER_SIZE, &header);
+        curl_easy_getinfo(easy, CURLINFO_SIZE_UPLOAD_T, &up);
+        curl_easy_getinfo(easy, CURLINFO_SIZE_DOWNLOAD_T, &down);
+        curl_easy_getinfo(easy, CURLINFO_HEADER_SIZE, &header);
+        mostBodyBytesSent = std::max<int64_t>(mostBodyBytesSent, up);
         const Clock::time_point now = Clock::now();
         if (up != lastUp || down != lastDown || header != lastHeader) {
             lastUp = up;
@@ -292,14 +290,14 @@ TransferOutcome CurlTransfer::Impl::run() {
         const auto remaining =
             std::chrono::duration_cast<std::chrono::milliseconds>(lastActivity + idleLimit - now);
         const int waitMs = static_cast<int>(std::clamp<int64_t>(remaining.count() + 1, 1, 1000));
-        curl_multi_poll(multi.get(), nullptr, 0, waitMs, nullptr);
+        curl_multi_poll(multi, nullptr, 0, waitMs, nullptr);
     }
 
     curl_off_t sent = 0;
-    curl_easy_getinfo(easy.get(), CURLINFO_SIZE_UPLOAD_T, &sent);
-    noteProgress(sent, true);
+    curl_easy_getinfo(easy, CURLINFO_SIZE_UPLOAD_T, &sent);
+    noteProgress(std::max<int64_t>(sent, mostBodyBytesSent), true);
     collectMetrics(outcome);
-    curl_multi_remove_handle(multi.get(), easy.get());
+    curl_multi_remove_handle(multi, easy);
 
     if (finished && result == CURLE_OK) {
         outcome.error = std::nullopt;
@@ -312,6 +310,9 @@ TransferOutcome CurlTransfer::Impl::run() {
                          std::to_string(idleTimeoutSecs(configuration, request)) + " seconds");
     } else if (bodyFailure) {
         outcome.error = bodyFailure;
+    } else if (connectionClosedMidBody) {
+        outcome.error = urlError(URLError::networkConnectionLost,
+                                 "the server closed the connection while the body was being sent");
     } else if (responseTooLarge) {
         outcome.error = urlError(URLError::badServerResponse, "the response body is too large");
     } else {
@@ -341,7 +342,7 @@ void CurlTransfer::Impl::noteProgress(int64_t totalSent, bool force) {
 
 void CurlTransfer::Impl::collectMetrics(TransferOutcome& outcome) {
     TransactionMetrics& m = outcome.metrics;
-    CURL* h = easy.get();
+    CURL* h = easy;
     curl_off_t value = 0;
     auto secs = [&](CURLINFO info) {
         curl_off_t micros = 0;
@@ -349,7 +350,7 @@ void CurlTransfer::Impl::collectMetrics(TransferOutcome& outcome) {
         return static_cast<double>(micros) / 1e6;
     };
     curl_easy_getinfo(h, CURLINFO_SIZE_UPLOAD_T, &value);
-    m.countOfRequestBodyBytesSent = value;
+    m.countOfRequestBodyBytesSent = std::max<int64_t>(value, mostBodyBytesSent);
     value = 0;
     curl_easy_getinfo(h, CURLINFO_SIZE_DOWNLOAD_T, &value);
     m.countOfResponseBodyBytesReceived = value;
@@ -425,19 +426,29 @@ size_t CurlTransfer::Impl::receiveHeader(char* data, size_t size, size_t count, 
 int CurlTransfer::Impl::transferInfo(void* user, curl_off_t, curl_off_t, curl_off_t,
                                      curl_off_t uploaded) {
     Impl& self = *static_cast<Impl*>(user);
+    self.mostBodyBytesSent = std::max<int64_t>(self.mostBodyBytesSent, uploaded);
     self.noteProgress(uploaded, false);
     return self.cancelled.load() ? 1 : 0;
 }
 
-CurlTransfer::CurlTransfer(const SessionConfiguration& configuration, const HttpRequest& request,
-                           std::shared_ptr<InputStream> body, int64_t bodyLength,
-                           bool keepResponseBody, TransferObserver observer)
-    : impl_(std::make_unique<Impl>(configuration, request, std::move(body), bodyLength,
+int CurlTransfer::Impl::seekBody(void* user, curl_off_t /*offset*/, int /*origin*/) {
+    static_cast<Impl*>(user)->connectionClosedMidBody = true;
+    return CURL_SEEKFUNC_CANTSEEK;
+}
+
+CurlTransfer::CurlTransfer(const CurlHandles& handles, const SessionConfiguration& configuration,
+                           const HttpRequest& request, std::shared_ptr<InputStream> body,
+                           int64_t bodyLength, bool keepResponseBody, TransferObserver observer)
+    : impl_(std::make_unique<Impl>(handles, configuration, request, std::move(body), bodyLength,
                                    keepResponseBody, std::move(observer))) {}
 
 CurlTransfer::~CurlTransfer() {
-    if (impl_->multi && impl_->easy) {
-        curl_multi_remove_handle(impl_->multi.get(), impl_->easy.get());
+    if (impl_->multi != nullptr && impl_->easy != nullptr) {
+        // Out of the multi handle (a connection left mid-exchange is closed, a finished one
+        // stays cached for the thread's next transfer), then cleared of every option, since
+        // they point into this transfer.
+        curl_multi_remove_handle(impl_->multi, impl_->easy);
+        curl_easy_reset(impl_->easy);
     }
 }
 
@@ -447,8 +458,8 @@ TransferOutcome CurlTransfer::perform() {
 
 void CurlTransfer::cancel() {
     impl_->cancelled.store(true);
-    if (impl_->multi) {
-        curl_multi_wakeup(impl_->multi.get());
+    if (impl_->multi != nullptr) {
+        curl_multi_wakeup(impl_->multi);
     }
 }
 

@@ -1,4 +1,5 @@
-// CurlTransfer: one HTTP exchange of an upload task, driven by libcurl on the calling thread.
+// CurlTransfer: one HTTP exchange of an upload task, driven by libcurl on the calling thread
+// with that transfer thread's handles (so an open connection to the same server is reused).
 //
 // The task's transfer thread makes it, calls perform() once and destroys it; cancel() may come
 // from any thread meanwhile and ends a running perform() within milliseconds (the transfer
@@ -22,6 +23,7 @@
 #include "Platform/HttpMessage.h"
 #include "Platform/InputStream.h"
 #include "Platform/TaskMetrics.h"
+#include "Platform/TransferThreads.h"
 
 namespace pellorin {
 
@@ -42,11 +44,12 @@ struct TransferObserver {
 
 class CurlTransfer {
   public:
+    // `handles` are the calling transfer thread's, used by this transfer until it is destroyed.
     // `body` must be open; `bodyLength` is requestBodyLength(request) (-1 for unknown). The
     // response body is discarded unless `keepResponseBody` is set.
-    CurlTransfer(const SessionConfiguration& configuration, const HttpRequest& request,
-                 std::shared_ptr<InputStream> body, int64_t bodyLength, bool keepResponseBody,
-                 TransferObserver observer);
+    CurlTransfer(const CurlHandles& handles, const SessionConfiguration& configuration,
+                 const HttpRequest& request, std::shared_ptr<InputStream> body, int64_t bodyLength,
+                 bool keepResponseBody, TransferObserver observer);
     ~CurlTransfer();
     CurlTransfer(const CurlTransfer&) = delete;
     CurlTransfer& operator=(const CurlTransfer&) = delete;

@@ -1,10 +1,9 @@
 #include "Platform/UploadTask.h"
 
-#include "Platform/WorkerThreads.h"
-
 #include "Platform/CurlTransfer.h"
 #include "Platform/HttpSession.h"
 #include "Platform/MemoryInputStream.h"
+#include "Platform/TransferThreads.h"
 
 namespace pellorin {
 
@@ -62,17 +61,6 @@ UploadTask::UploadTask(Passkey, std::weak_ptr<HttpSession> session, uint64_t tas
       body_(std::move(body)),
       completionHandler_(std::move(completionHandler)) {}
 
-UploadTask::~UploadTask() {
-    if (thread_.joinable()) {
-        if (thread_.get_id() == std::this_thread::get_id()) {
-            thread_.detach();  // the transfer thread dropped the last reference on its way out
-            workerThreads::markCurrentThreadDetached();
-        } else {
-            thread_.join();
-        }
-    }
-}
-
 void UploadTask::resume() {
     std::lock_guard lock(mutex_);
     if (state_ != State::suspended) {
@@ -83,17 +71,11 @@ void UploadTask::resume() {
         return;  // the session is gone: nobody would hear of the outcome
     }
     state_ = State::running;
-    // Counted before it starts: once it has reported its outcome, the whole transfer may end and
-    // the process exit while this thread is still on its way out.
-    workerThreads::countWorkerFromStart();
-    thread_ = std::thread([self = shared_from_this(), session = std::move(session)]() mutable {
-        workerThreads::workerCountedFromStart();
-        self->run(session);
-        // The session goes first: while the task is held here, nothing can be joining this
-        // thread from the session's delegate queue.
+    transferThreads::run([self = shared_from_this(),
+                          session = std::move(session)](const CurlHandles& handles) mutable {
+        self->run(session, handles);
         session.reset();
         self.reset();
-        workerThreads::workerThreadFinishing();
     });
 }
 
@@ -141,7 +123,7 @@ std::optional<PlatformError> UploadTask::error() const {
     return error_;
 }
 
-void UploadTask::run(const std::shared_ptr<HttpSession>& session) {
+void UploadTask::run(const std::shared_ptr<HttpSession>& session, const CurlHandles& handles) {
     std::shared_ptr<InputStream> stream;
     std::optional<int64_t> bodyLength;
     if (isStreamed()) {
@@ -166,7 +148,7 @@ void UploadTask::run(const std::shared_ptr<HttpSession>& session) {
             outcome.error = urlError(URLError::requestBodyStreamExhausted,
                                      "the body stream could not be opened");
         } else {
-            outcome = transfer(*session, stream, *bodyLength);
+            outcome = transfer(*session, handles, stream, *bodyLength);
         }
         stream->close();
     }
@@ -207,7 +189,7 @@ void UploadTask::deliverBodyStream(std::shared_ptr<InputStream> stream) {
     wake_.notify_all();
 }
 
-UploadTask::Outcome UploadTask::transfer(HttpSession& session,
+UploadTask::Outcome UploadTask::transfer(HttpSession& session, const CurlHandles& handles,
                                          const std::shared_ptr<InputStream>& stream,
                                          int64_t bodyLength) {
     TransferObserver observer;
@@ -224,7 +206,7 @@ UploadTask::Outcome UploadTask::transfer(HttpSession& session,
                 });
         };
     }
-    CurlTransfer curl(session.configuration(), request_, stream, bodyLength, !isStreamed(),
+    CurlTransfer curl(handles, session.configuration(), request_, stream, bodyLength, !isStreamed(),
                       std::move(observer));
     {
         std::lock_guard lock(mutex_);

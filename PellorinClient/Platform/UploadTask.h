@@ -2,11 +2,11 @@
 // session delegate) or with a body in memory and a completion handler.
 //
 // Shared through std::shared_ptr by the caller, by its session while it runs and by the
-// callbacks queued for it. resume() starts the transfer on a thread of the task's own: it asks
-// for the body stream, opens it, runs the exchange, closes the stream and reports the outcome;
-// every report is an async block on the session's delegate queue. Public member functions may
-// be called from any thread. Destroying the task waits for its transfer thread, which has by
-// then finished (the thread holds the task until its very end).
+// callbacks queued for it. resume() starts the transfer on a transfer thread of its own for as
+// long as it runs (see TransferThreads.h): it asks for the body stream, opens it, runs the
+// exchange, closes the stream and reports the outcome; every report is an async block on the
+// session's delegate queue. Public member functions may be called from any thread. The transfer
+// thread holds the task until the transfer has ended.
 #pragma once
 
 #include <condition_variable>
@@ -16,7 +16,6 @@
 #include <mutex>
 #include <optional>
 #include <string>
-#include <thread>
 #include <vector>
 
 #include <pellorin/PlatformError.h>
@@ -29,6 +28,7 @@ namespace pellorin {
 
 class HttpSession;
 class CurlTransfer;
+struct CurlHandles;
 
 class UploadTask : public std::enable_shared_from_this<UploadTask> {
   public:
@@ -48,13 +48,13 @@ class UploadTask : public std::enable_shared_from_this<UploadTask> {
     // A streamed upload when `completionHandler` is empty, otherwise a one-shot upload of `body`.
     UploadTask(Passkey, std::weak_ptr<HttpSession> session, uint64_t taskIdentifier,
                HttpRequest request, std::vector<uint8_t> body, CompletionHandler completionHandler);
-    ~UploadTask();
     UploadTask(const UploadTask&) = delete;
     UploadTask& operator=(const UploadTask&) = delete;
 
     // Increasing within the session, from 1.
     uint64_t taskIdentifier() const { return taskIdentifier_; }
-    // Starts the transfer thread. Only the first call on a suspended task does anything.
+    // Starts the transfer on a transfer thread. Only the first call on a suspended task does
+    // anything.
     void resume();
     // Ends the task with URLError::cancelled: at once when it has not started, otherwise by
     // waking its transfer thread, which stops within milliseconds (a body read in progress is
@@ -70,12 +70,12 @@ class UploadTask : public std::enable_shared_from_this<UploadTask> {
     std::optional<PlatformError> error() const;
 
   private:
-    void run(const std::shared_ptr<HttpSession>& session);
+    void run(const std::shared_ptr<HttpSession>& session, const CurlHandles& handles);
     std::shared_ptr<InputStream> awaitBodyStream(HttpSession& session);
     void deliverBodyStream(std::shared_ptr<InputStream> stream);
     struct Outcome;
-    Outcome transfer(HttpSession& session, const std::shared_ptr<InputStream>& stream,
-                     int64_t bodyLength);
+    Outcome transfer(HttpSession& session, const CurlHandles& handles,
+                     const std::shared_ptr<InputStream>& stream, int64_t bodyLength);
     void complete(HttpSession& session, TaskMetrics metrics, std::optional<PlatformError> error,
                   std::optional<std::vector<uint8_t>> data);
     bool isStreamed() const { return streamed_; }
@@ -96,7 +96,6 @@ class UploadTask : public std::enable_shared_from_this<UploadTask> {
     CurlTransfer* activeTransfer_ = nullptr;        // guarded by mutex_; owned by run()
     std::shared_ptr<const HttpResponse> response_;  // guarded by mutex_
     std::optional<PlatformError> error_;            // guarded by mutex_
-    std::thread thread_;                            // guarded by mutex_
 };
 
 }  // namespace pellorin

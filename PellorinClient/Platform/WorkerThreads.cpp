@@ -7,6 +7,7 @@
 #include <cstdlib>
 #include <memory>
 #include <mutex>
+#include <vector>
 
 namespace pellorin::workerThreads {
 
@@ -23,7 +24,8 @@ thread_local bool currentThreadCounted = false;  // counted in DetachedThreads::
 struct DetachedThreads {
     std::mutex mutex;
     std::condition_variable finished;
-    long running = 0;  // guarded by mutex
+    long running = 0;                       // guarded by mutex
+    std::vector<void (*)()> beforeWaiting;  // guarded by mutex
 };
 
 // Never destroyed: a detached worker may still be finishing after the process began to exit.
@@ -34,6 +36,12 @@ DetachedThreads& detachedThreads() {
         std::atexit([] {
             DetachedThreads& t = detachedThreads();
             std::unique_lock lock(t.mutex);
+            const std::vector<void (*)()> hooks = t.beforeWaiting;
+            lock.unlock();
+            for (void (*hook)() : hooks) {
+                hook();
+            }
+            lock.lock();
             t.finished.wait_for(lock, std::chrono::seconds(5), [&] { return t.running == 0; });
         });
         return threads;
@@ -49,6 +57,12 @@ void markCurrentThreadDetached() {
     }
     countWorkerFromStart();
     currentThreadCounted = true;
+}
+
+void atExitBeforeWaiting(void (*hook)()) {
+    auto& threads = detachedThreads();
+    std::lock_guard lock(threads.mutex);
+    threads.beforeWaiting.push_back(hook);
 }
 
 void countWorkerFromStart() {

@@ -22,6 +22,10 @@ void markCurrentThreadDetached();
 void countWorkerFromStart();
 void workerCountedFromStart();
 
+// Registers `hook` to run at process exit just before the wait for running workers: a pool
+// tells its idle workers to end there, so the wait does not last their idle time.
+void atExitBeforeWaiting(void (*hook)());
+
 // Called as the last thing every worker thread function does.
 void workerThreadFinishing();
 

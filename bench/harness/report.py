@@ -194,8 +194,8 @@ def markdown(results):
             f"pellorin {s['pellorin']['cpu_ms_per_part']['median']:.2f} ms and "
             f"{s['pellorin']['receiver_cpu_ms_per_part']['median']:.2f} ms, curl "
             f"{s['curl']['cpu_ms_per_part']['median']:.2f} ms and "
-            f"{s['curl']['receiver_cpu_ms_per_part']['median']:.2f} ms: pellorin gives each "
-            "part a session and so a connection of its own, curl keeps its connections alive.",
+            f"{s['curl']['receiver_cpu_ms_per_part']['median']:.2f} ms. Both reuse their "
+            "connections; pellorin also hashes every part and gives each its own session.",
         ]
     c = results.get("cancellation")
     if c:

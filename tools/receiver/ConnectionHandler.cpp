@@ -65,10 +65,11 @@ std::optional<std::pair<std::string, std::string>> checksumHeader(BodySink::Dige
 
 }  // namespace
 
-ConnectionHandler::ConnectionHandler(Connection& connection, RequestLog& log,
+ConnectionHandler::ConnectionHandler(Connection& connection, uint64_t number, RequestLog& log,
                                      const StopSignal& stop, const ReceiverOptions& options,
                                      std::string baseUrl)
     : connection_(connection),
+      number_(number),
       log_(log),
       stop_(stop),
       options_(options),
@@ -236,6 +237,7 @@ ConnectionHandler::Next ConnectionHandler::serve(const RequestHead& head) {
     record.partNumber = decimalHeader(head, "X-PLNX-Part-Number");
     record.retryCount = decimalHeader(head, "X-PLNX-Retry-Count");
     record.headers = head.headers;
+    record.connection = number_;
     record.started = std::chrono::steady_clock::now();
     RequestLog::Visit visit = log_.arrive(record);
 

@@ -21,9 +21,10 @@ namespace pellorin::receiver {
 
 class ConnectionHandler {
   public:
-    // `baseUrl` is the receiver's own ("http://127.0.0.1:<port>"), for the reservation answers.
-    ConnectionHandler(Connection& connection, RequestLog& log, const StopSignal& stop,
-                      const ReceiverOptions& options, std::string baseUrl);
+    // `number` tells the connection apart in the request records. `baseUrl` is the receiver's
+    // own ("http://127.0.0.1:<port>"), for the reservation answers.
+    ConnectionHandler(Connection& connection, uint64_t number, RequestLog& log,
+                      const StopSignal& stop, const ReceiverOptions& options, std::string baseUrl);
 
     // Returns when the peer closes, a request or answer ends the connection, a fault drops it,
     // or the receiver stops.
@@ -64,6 +65,7 @@ class ConnectionHandler {
                 std::string_view contentType = "text/plain; charset=utf-8");
 
     Connection& connection_;
+    const uint64_t number_;
     RequestLog& log_;
     const StopSignal& stop_;
     const ReceiverOptions& options_;

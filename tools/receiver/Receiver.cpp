@@ -149,9 +149,10 @@ class Receiver::Impl {
             ::setsockopt(socket.get(), IPPROTO_TCP, TCP_NODELAY, &on, sizeof on);
             reapFinishedWorkers();
             auto finished = std::make_shared<std::atomic<bool>>(false);
+            const uint64_t number = ++connectionsAccepted_;
             workers_.push_back(
-                Worker{std::thread([this, finished, socket = std::move(socket)]() mutable {
-                           serveConnection(std::move(socket));
+                Worker{std::thread([this, finished, number, socket = std::move(socket)]() mutable {
+                           serveConnection(std::move(socket), number);
                            finished->store(true);
                        }),
                        finished});
@@ -159,11 +160,11 @@ class Receiver::Impl {
     }
 
     // Runs on the connection's own thread.
-    void serveConnection(UniqueFd socket) {
+    void serveConnection(UniqueFd socket, uint64_t number) {
         blockSigpipeOnThisThread();
         try {
             Connection connection(std::move(socket), tls_ ? tls_->context() : nullptr, stop_);
-            ConnectionHandler(connection, log_, stop_, options_, baseUrl()).run();
+            ConnectionHandler(connection, number, log_, stop_, options_, baseUrl()).run();
         } catch (const std::exception&) {
             // Out of memory or resources for this connection: closing it is all that can be done.
         }
@@ -190,7 +191,8 @@ class Receiver::Impl {
     UniqueFd listener_;                  // set by start(), closed by stop()
     std::atomic<uint16_t> port_{0};
     std::thread acceptThread_;
-    std::list<Worker> workers_;  // accept thread only, until stop() has joined it
+    std::list<Worker> workers_;         // accept thread only, until stop() has joined it
+    uint64_t connectionsAccepted_ = 0;  // accept thread only
 };
 
 Receiver::Receiver(ReceiverOptions options) : impl_(std::make_unique<Impl>(std::move(options))) {}

@@ -69,6 +69,7 @@ struct RequestRecord {
     std::string md5Hex;          // MD5 of the bytes read, lower-case hexadecimal
     int status = 0;              // status answered; 0 when none was (dropped, garbage, stopped)
     bool accepted = false;       // answered 200 with the body's checksum in a form clients accept
+    uint64_t connection = 0;     // which accepted connection carried it, numbered from 1
     std::chrono::steady_clock::time_point started, finished;
 };
 

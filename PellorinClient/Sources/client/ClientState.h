@@ -69,6 +69,9 @@ struct PellorinClient::State {
     // Parts taken from waitQueue whose session delegate is not yet in filePartDelegates. Counted
     // so that the "nothing left" check never fires in the gap between the two.
     Atomic<int64_t> partsStarting{0};
+    // Set when the cancellation starts on delegateQueue, before it looks for sessions to cancel:
+    // a part whose delegate joins filePartDelegates after that look cancels its own session.
+    Atomic<bool> cancellationBegun{false};
     int32_t exitStatus = 0;  // written by the final notification only
 
     State(std::shared_ptr<RateLimiter> limiter, uint8_t connections, uint8_t retries, Logger log);

@@ -105,22 +105,24 @@ void startUpload(PellorinClient& client, const std::shared_ptr<FilePartRequest>&
     monitor->startTime = std::chrono::system_clock::now();
     auto delegate = std::make_shared<FilePartRequestDelegate>(
         partRequest, client.shared_from_this(), state.logger, std::move(monitor));
-    state.filePartDelegates.append(delegate);
-    state.partsStarting.modify([](int64_t& n) { --n; });
-
+    // The session and its task exist before the delegate is registered: a cancellation finds
+    // only sessions that can no longer be invalidated before their task is made.
     std::shared_ptr<HttpSession> session = delegate->httpSession();
     if (!session) {
         fatalError("the HTTP session of " + partRequest->debugDescription() + " is missing");
     }
     std::shared_ptr<UploadTask> task = session->uploadTaskWithStreamedRequest(std::move(request));
+    state.filePartDelegates.append(delegate);
+    state.partsStarting.modify([](int64_t& n) { --n; });
     state.logger.trace([&] {
         return "task id: " + std::to_string(task->taskIdentifier()) + " starting part # " +
                std::to_string(partRequest->partNumber()) +
                " retries: " + std::to_string(partRequest->retryCount());
     });
     task->resume();
-    // A cancellation that came while this part was being started may have missed its session.
-    if (state.cancelled.load()) {
+    // A cancellation that looked for sessions before this part's delegate was registered missed
+    // its session.
+    if (state.cancellationBegun.load()) {
         session->invalidateAndCancel();
     }
 }

@@ -230,6 +230,7 @@ void PellorinClient::invalidateAndCancel() {
     std::shared_ptr<PellorinClient> self = shared_from_this();
     state.delegateQueue->async([self] {
         State& state = *self->state_;
+        state.cancellationBegun.store(true);
         for (const auto& delegate : state.filePartDelegates.snapshot()) {
             if (auto session = delegate->currentSession()) {
                 session->invalidateAndCancel();
