@@ -62,7 +62,7 @@ TEST(HttpSessionTest, StreamedUploadSendsEveryFieldAndCallsBackInOrder) {
     EXPECT_EQ(metrics.statusCode, 200);
     EXPECT_EQ(events[i + 1].kind, Kind::completed);
     EXPECT_EQ(events[i + 2].kind, Kind::invalidated);
-    EXPECT_EQ(harness.delegate->offQueueCalls(), 0);
+    EXPECT_EQ(harness.delegate->offQueueCalls.load(), 0);
 
     EXPECT_FALSE(completion->error);
     EXPECT_EQ(completion->response->statusCode(), 200);
@@ -143,7 +143,7 @@ TEST(HttpSessionTest, InvalidateAndCancelEndsEveryTaskThenInvalidatesOnceAndRele
         EXPECT_EQ(completion->error->code, URLError::cancelled) << task->description();
         EXPECT_EQ(task->state(), UploadTask::State::completed);
     }
-    EXPECT_EQ(delegate->offQueueCalls(), 0);
+    EXPECT_EQ(delegate->offQueueCalls.load(), 0);
     delegate.reset();
     queue->sync([] {});  // the invalidation block has finished
     EXPECT_TRUE(weakDelegate.expired());

@@ -5,9 +5,8 @@
 namespace pellorin::testing {
 
 void RecordingDelegate::record(SessionEvent event) {
-    const bool onQueue = queue_->isCurrent();
+    offQueueCalls += queue_->isCurrent() ? 0 : 1;
     std::lock_guard lock(mutex_);
-    offQueueCalls_ += onQueue ? 0 : 1;
     events_.push_back(std::move(event));
     changed_.notify_all();
 }
@@ -27,17 +26,10 @@ std::vector<SessionEvent> RecordingDelegate::events(std::optional<Kind> kind) co
 }
 
 std::optional<SessionEvent> RecordingDelegate::completionOf(uint64_t task) const {
-    for (SessionEvent& e : events(Kind::completed)) {
-        if (e.task == task) {
-            return e;
-        }
-    }
-    return std::nullopt;
-}
-
-int RecordingDelegate::offQueueCalls() const {
-    std::lock_guard lock(mutex_);
-    return offQueueCalls_;
+    const auto completions = events(Kind::completed);
+    const auto found = std::find_if(completions.begin(), completions.end(),
+                                    [&](const SessionEvent& e) { return e.task == task; });
+    return found == completions.end() ? std::nullopt : std::optional(*found);
 }
 
 SessionHarness::SessionHarness(RecordingDelegate::BodySupplier bodyFor,

@@ -2,6 +2,7 @@
 // with it, and body streams that wait or fail.
 #pragma once
 
+#include <atomic>
 #include <chrono>
 #include <condition_variable>
 #include <functional>
@@ -67,9 +68,9 @@ class RecordingDelegate : public HttpSessionDelegate {
     bool waitForInvalidation(std::chrono::milliseconds limit = std::chrono::seconds(10));
     std::vector<SessionEvent> events(std::optional<Kind> kind = std::nullopt) const;
     std::optional<SessionEvent> completionOf(uint64_t task) const;
-    int offQueueCalls() const;
 
     uint64_t holdBodyOfTask = 0;  // set before the first task starts
+    std::atomic<int> offQueueCalls{0};
 
   private:
     void record(SessionEvent event);
@@ -80,7 +81,6 @@ class RecordingDelegate : public HttpSessionDelegate {
     mutable std::mutex mutex_;
     std::condition_variable changed_;
     std::vector<SessionEvent> events_;  // guarded by mutex_
-    int offQueueCalls_ = 0;             // guarded by mutex_
 };
 
 // A session with a recording delegate on a queue of its own.
