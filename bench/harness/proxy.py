@@ -4,7 +4,11 @@ The client under test connects to the relay, which forwards every byte both ways
 and notes, for the client-to-server direction, how many bytes arrived in each 10 ms slot. Those
 are the bytes the client put on the wire (request heads and bodies), timed when they came out of
 the socket, independent of anything the client reports about itself. The relay reads as fast as
-bytes come, so it never slows the sender down at the rates measured here."""
+bytes come, so it never slows the sender down at the rates measured here.
+
+Clients keep connections alive, so one connection carries several requests: the relay follows the
+request heads and their Content-Length in the client's stream and counts each request's bytes on
+their own."""
 
 import socket
 import threading
@@ -23,7 +27,7 @@ class CountingRelay:
         self.port = self._listener.getsockname()[1]
         self._lock = threading.Lock()
         self._origin = time.monotonic()  # guarded by _lock
-        self._connections = []  # every connection since reset(), in order; guarded by _lock
+        self._requests = []  # every request since reset(), in order; guarded by _lock
         self._open = []  # live connection pairs; guarded by _lock
         self._stopping = False
         threading.Thread(target=self._accept, daemon=True).start()
@@ -33,18 +37,18 @@ class CountingRelay:
 
     def reset(self):
         with self._lock:
-            self._connections = []
+            self._requests = []
             self._origin = time.monotonic()
 
     def slots(self, skip_first_finished=False):
         """Bytes per 10 ms slot, from the first slot with bytes to the last, as a list. With
-        `skip_first_finished`, without the bytes of the connection that finished first."""
+        `skip_first_finished`, without the bytes of the request that finished first."""
         with self._lock:
-            connections = [(c.finished or float("inf"), dict(c.slots)) for c in self._connections]
-        if skip_first_finished and connections:
-            connections.remove(min(connections, key=lambda c: c[0]))
+            requests = [(r.finished or float("inf"), dict(r.slots)) for r in self._requests]
+        if skip_first_finished and requests:
+            requests.remove(min(requests, key=lambda r: r[0]))
         total = {}
-        for _, slots in connections:
+        for _, slots in requests:
             for slot, count in slots.items():
                 total[slot] = total.get(slot, 0) + count
         if not total:
@@ -69,7 +73,6 @@ class CountingRelay:
             pair = _Pair(client, server)
             with self._lock:
                 self._open.append(pair)
-                self._connections.append(pair)
             threading.Thread(target=self._pump, args=(pair, client, server, True),
                              daemon=True).start()
             threading.Thread(target=self._pump, args=(pair, server, client, False),
@@ -82,20 +85,68 @@ class CountingRelay:
                 if not data:
                     break
                 if counted:
-                    with self._lock:
-                        slot = int((time.monotonic() - self._origin) / SLOT_S)
-                        pair.slots[slot] = pair.slots.get(slot, 0) + len(data)
+                    self._count(pair, data)
                 sink.sendall(data)
             sink.shutdown(socket.SHUT_WR)
         except OSError:
             pass
         if counted:
             with self._lock:
-                pair.finished = time.monotonic()
+                if pair.request is not None and pair.request.finished is None:
+                    pair.request.finished = time.monotonic()
         if pair.one_done():
             with self._lock:
                 self._open.remove(pair)
             pair.close()
+
+
+    def _count(self, pair, data):
+        """Splits the client's bytes between the requests they belong to: a head runs up to its
+        blank line, then Content-Length bytes of body follow."""
+        with self._lock:
+            now = time.monotonic()
+            slot = int((now - self._origin) / SLOT_S)
+            view = memoryview(data)
+            while view:
+                if pair.request is None or pair.request.finished is not None:
+                    pair.request = _Request()
+                    pair.head = b""
+                    pair.body_left = None
+                    self._requests.append(pair.request)
+                request = pair.request
+                if pair.body_left is None:
+                    seen = len(pair.head)
+                    pair.head += bytes(view[:64 * 1024])
+                    end = pair.head.find(b"\r\n\r\n")
+                    if end < 0:
+                        taken = len(pair.head) - seen
+                    else:
+                        taken = end + 4 - seen
+                        pair.body_left = _content_length(pair.head[:end])
+                        pair.head = b""
+                else:
+                    taken = min(len(view), pair.body_left)
+                    pair.body_left -= taken
+                request.slots[slot] = request.slots.get(slot, 0) + taken
+                view = view[taken:]
+                if pair.body_left == 0:
+                    request.finished = now
+
+
+def _content_length(head):
+    for line in head.split(b"\r\n")[1:]:
+        name, _, value = line.partition(b":")
+        if name.strip().lower() == b"content-length":
+            return int(value.strip())
+    return 0
+
+
+class _Request:
+    """The client-to-server bytes of one request, per slot, and when its last byte came."""
+
+    def __init__(self):
+        self.slots = {}
+        self.finished = None
 
 
 class _Pair:
@@ -105,8 +156,11 @@ class _Pair:
         self._sockets = (client, server)
         self._lock = threading.Lock()
         self._done = 0
-        self.slots = {}  # client-to-server bytes per slot; guarded by the relay's lock
-        self.finished = None  # when the client's side ended; guarded by the relay's lock
+        # The request being received, its head so far and the body bytes still to come (None
+        # while the head is incomplete); guarded by the relay's lock.
+        self.request = None
+        self.head = b""
+        self.body_left = None
 
     def one_done(self):
         with self._lock:

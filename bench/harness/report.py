@@ -167,7 +167,8 @@ def markdown(results):
             "Rate limit: bytes on the wire counted by a relay in 10 ms slots; windows are every "
             "one-second span of the sending period (10 ms steps). The client sends the first "
             "part of a file to start without the limiter, by design; the second row leaves that "
-            "part's connection out. curl gets the cap divided by its connections, per transfer "
+            "part's request out (the relay follows the requests within each kept-alive "
+            "connection). curl gets the cap divided by its connections, per transfer "
             "(`--limit-rate`).",
             "",
             "| cap | tool | connections | average / cap | worst 1 s window / cap "

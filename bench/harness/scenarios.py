@@ -199,7 +199,7 @@ def rate_limit(bench, caps, seconds, part_size, connections):
                     result[tool] = wire_figures(relay.slots(), cap, run)
                     if tool == "pellorin":
                         # The first part of a file to start is sent without the limiter, by
-                        # design; these figures leave its connection out.
+                        # design; these figures leave that request out.
                         result[tool]["without_unthrottled_part"] = wire_figures(
                             relay.slots(skip_first_finished=True), cap, run)
                 results.append(result)
