@@ -99,6 +99,7 @@ struct CurlTransfer::Impl {
     std::optional<PlatformError> configure();
     TransferOutcome run();
     void noteProgress(int64_t totalSent, bool force);
+    int64_t bodyBytesSent() const;
     void collectMetrics(TransferOutcome& outcome);
 
     // libcurl callbacks, on the transfer thread.
@@ -133,7 +134,7 @@ struct CurlTransfer::Impl {
     // fails, and libcurl has started its byte counts again, so the bytes the closed connection
     // took are remembered here.
     bool connectionClosedMidBody = false;
-    int64_t mostBodyBytesSent = 0;
+    int64_t mostBodyBytesSent = 0;  // the highest upload count the progress callback saw
     Clock::time_point lastReport = Clock::now();
     HttpResponseParser responseParser{request.url};
     std::vector<uint8_t> responseBody;
@@ -275,7 +276,6 @@ TransferOutcome CurlTransfer::Impl::run() {
         curl_easy_getinfo(easy, CURLINFO_SIZE_UPLOAD_T, &up);
         curl_easy_getinfo(easy, CURLINFO_SIZE_DOWNLOAD_T, &down);
         curl_easy_getinfo(easy, CURLINFO_HEADER_SIZE, &header);
-        mostBodyBytesSent = std::max<int64_t>(mostBodyBytesSent, up);
         const Clock::time_point now = Clock::now();
         if (up != lastUp || down != lastDown || header != lastHeader) {
             lastUp = up;
@@ -293,9 +293,7 @@ TransferOutcome CurlTransfer::Impl::run() {
         curl_multi_poll(multi, nullptr, 0, waitMs, nullptr);
     }
 
-    curl_off_t sent = 0;
-    curl_easy_getinfo(easy, CURLINFO_SIZE_UPLOAD_T, &sent);
-    noteProgress(std::max<int64_t>(sent, mostBodyBytesSent), true);
+    noteProgress(bodyBytesSent(), true);
     collectMetrics(outcome);
     curl_multi_remove_handle(multi, easy);
 
@@ -340,6 +338,14 @@ void CurlTransfer::Impl::noteProgress(int64_t totalSent, bool force) {
     }
 }
 
+// The request body bytes that went out, those of a connection that closed under a resend
+// included.
+int64_t CurlTransfer::Impl::bodyBytesSent() const {
+    curl_off_t sent = 0;
+    curl_easy_getinfo(easy, CURLINFO_SIZE_UPLOAD_T, &sent);
+    return std::max<int64_t>(sent, mostBodyBytesSent);
+}
+
 void CurlTransfer::Impl::collectMetrics(TransferOutcome& outcome) {
     TransactionMetrics& m = outcome.metrics;
     CURL* h = easy;
@@ -349,9 +355,7 @@ void CurlTransfer::Impl::collectMetrics(TransferOutcome& outcome) {
         curl_easy_getinfo(h, info, &micros);
         return static_cast<double>(micros) / 1e6;
     };
-    curl_easy_getinfo(h, CURLINFO_SIZE_UPLOAD_T, &value);
-    m.countOfRequestBodyBytesSent = std::max<int64_t>(value, mostBodyBytesSent);
-    value = 0;
+    m.countOfRequestBodyBytesSent = bodyBytesSent();
     curl_easy_getinfo(h, CURLINFO_SIZE_DOWNLOAD_T, &value);
     m.countOfResponseBodyBytesReceived = value;
     m.nameLookupSecs = secs(CURLINFO_NAMELOOKUP_TIME_T);
