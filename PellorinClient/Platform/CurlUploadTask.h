@@ -1,5 +1,4 @@
-// UploadTask: one HTTP upload made by an HttpSession, either with a streamed body (asked of the
-// session delegate) or with a body in memory and a completion handler.
+// curl::UploadTask: the libcurl implementation of UploadTask, made by a curl::HttpSession.
 //
 // Shared through std::shared_ptr by the caller, by its session while it runs and by the
 // callbacks queued for it. resume() starts the transfer on a transfer thread of its own for as
@@ -23,23 +22,20 @@
 #include "Platform/HttpMessage.h"
 #include "Platform/InputStream.h"
 #include "Platform/TaskMetrics.h"
+#include "Platform/UploadTask.h"
 
 namespace pellorin {
 
-class HttpSession;
 class CurlTransfer;
 struct CurlHandles;
 
-class UploadTask : public std::enable_shared_from_this<UploadTask> {
+namespace curl {
+
+class HttpSession;
+
+class UploadTask final : public pellorin::UploadTask,
+                         public std::enable_shared_from_this<UploadTask> {
   public:
-    enum class State { suspended, running, canceling, completed };
-
-    // Answer of a one-shot upload: the response body (absent when the task failed or no body
-    // byte arrived), the response (when one arrived) and the error (none on any HTTP status).
-    using CompletionHandler = std::function<void(std::optional<std::vector<uint8_t>> data,
-                                                 std::shared_ptr<const HttpResponse> response,
-                                                 std::optional<PlatformError> error)>;
-
     // Only a session makes tasks.
     class Passkey {
         Passkey() = default;
@@ -51,23 +47,16 @@ class UploadTask : public std::enable_shared_from_this<UploadTask> {
     UploadTask(const UploadTask&) = delete;
     UploadTask& operator=(const UploadTask&) = delete;
 
-    // Increasing within the session, from 1.
-    uint64_t taskIdentifier() const { return taskIdentifier_; }
-    // Starts the transfer on a transfer thread. Only the first call on a suspended task does
-    // anything.
-    void resume();
-    // Ends the task with URLError::cancelled: at once when it has not started, otherwise by
-    // waking its transfer thread, which stops within milliseconds (a body read in progress is
-    // finished first). Nothing happens once the task has completed.
-    void cancel();
-    // "UploadTask{taskIdentifier: 1, PUT http://host/path, state: running}".
-    std::string description() const;
-    // The final response, from the moment its headers have arrived.
-    std::shared_ptr<const HttpResponse> response() const;
-    const HttpRequest& originalRequest() const { return request_; }
-    State state() const;
-    // The error the task completed with, once it has completed.
-    std::optional<PlatformError> error() const;
+    uint64_t taskIdentifier() const override { return taskIdentifier_; }
+    // Starts the transfer on a transfer thread (see TransferThreads.h).
+    void resume() override;
+    // A running task is cancelled by waking its transfer thread.
+    void cancel() override;
+    std::string description() const override;
+    std::shared_ptr<const HttpResponse> response() const override;
+    const HttpRequest& originalRequest() const override { return request_; }
+    State state() const override;
+    std::optional<PlatformError> error() const override;
 
   private:
     void run(const std::shared_ptr<HttpSession>& session, const CurlHandles& handles);
@@ -98,4 +87,5 @@ class UploadTask : public std::enable_shared_from_this<UploadTask> {
     std::optional<PlatformError> error_;            // guarded by mutex_
 };
 
+}  // namespace curl
 }  // namespace pellorin

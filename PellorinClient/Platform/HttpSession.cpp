@@ -1,8 +1,25 @@
-#include "Platform/HttpSession.h"
+#include "Platform/CurlSession.h"
 
 #include "Platform/Fatal.h"
 
 namespace pellorin {
+
+std::shared_ptr<HttpSession> HttpSession::make(SessionConfiguration configuration,
+                                               std::shared_ptr<HttpSessionDelegate> delegate,
+                                               std::shared_ptr<SerialQueue> delegateQueue) {
+    return std::make_shared<curl::HttpSession>(curl::HttpSession::Passkey{},
+                                               std::move(configuration), std::move(delegate),
+                                               std::move(delegateQueue), false);
+}
+
+std::shared_ptr<HttpSession> HttpSession::shared() {
+    static const std::shared_ptr<HttpSession> session = std::make_shared<curl::HttpSession>(
+        curl::HttpSession::Passkey{}, SessionConfiguration::ephemeral(), nullptr,
+        SerialQueue::make("HttpSession shared queue"), true);
+    return session;
+}
+
+namespace curl {
 
 HttpSession::HttpSession(Passkey, SessionConfiguration configuration,
                          std::shared_ptr<HttpSessionDelegate> delegate,
@@ -13,26 +30,14 @@ HttpSession::HttpSession(Passkey, SessionConfiguration configuration,
       isShared_(isShared),
       delegate_(std::move(delegate)) {}
 
-std::shared_ptr<HttpSession> HttpSession::make(SessionConfiguration configuration,
-                                               std::shared_ptr<HttpSessionDelegate> delegate,
-                                               std::shared_ptr<SerialQueue> delegateQueue) {
-    return std::make_shared<HttpSession>(Passkey{}, std::move(configuration), std::move(delegate),
-                                         std::move(delegateQueue), false);
-}
-
-std::shared_ptr<HttpSession> HttpSession::shared() {
-    static const std::shared_ptr<HttpSession> session =
-        std::make_shared<HttpSession>(Passkey{}, SessionConfiguration::ephemeral(), nullptr,
-                                      SerialQueue::make("HttpSession shared queue"), true);
-    return session;
-}
-
-std::shared_ptr<UploadTask> HttpSession::uploadTaskWithStreamedRequest(HttpRequest request) {
+std::shared_ptr<pellorin::UploadTask> HttpSession::uploadTaskWithStreamedRequest(
+    HttpRequest request) {
     return addTask(std::move(request), {}, nullptr);
 }
 
-std::shared_ptr<UploadTask> HttpSession::uploadTask(HttpRequest request, std::vector<uint8_t> body,
-                                                    CompletionHandler completionHandler) {
+std::shared_ptr<pellorin::UploadTask> HttpSession::uploadTask(HttpRequest request,
+                                                              std::vector<uint8_t> body,
+                                                              CompletionHandler completionHandler) {
     if (!completionHandler) {
         completionHandler = [](auto&&...) {};
     }
@@ -126,4 +131,5 @@ void HttpSession::invalidateIfDoneLocked() {
     });
 }
 
+}  // namespace curl
 }  // namespace pellorin

@@ -1,11 +1,11 @@
-#include "Platform/UploadTask.h"
+#include "Platform/CurlUploadTask.h"
 
+#include "Platform/CurlSession.h"
 #include "Platform/CurlTransfer.h"
-#include "Platform/HttpSession.h"
 #include "Platform/MemoryInputStream.h"
 #include "Platform/TransferThreads.h"
 
-namespace pellorin {
+namespace pellorin::curl {
 
 namespace {
 
@@ -264,4 +264,4 @@ void UploadTask::complete(HttpSession& session, TaskMetrics metrics,
     session.taskDidComplete(taskIdentifier_);
 }
 
-}  // namespace pellorin
+}  // namespace pellorin::curl

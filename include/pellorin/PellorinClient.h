@@ -27,8 +27,8 @@
 
 namespace pellorin {
 
-class RateLimiter;
-
+// The host's view of a client. The library's implementation sits behind this interface; only
+// `standardClient` makes one.
 class PELLORIN_EXPORT PellorinClient : public std::enable_shared_from_this<PellorinClient> {
   public:
     using SessionConfigurationSupplier = std::function<SessionConfiguration()>;
@@ -38,14 +38,9 @@ class PELLORIN_EXPORT PellorinClient : public std::enable_shared_from_this<Pello
     static std::shared_ptr<PellorinClient> standardClient(std::optional<uint64_t> rateLimit,
                                                           uint8_t maxConnections,
                                                           uint8_t maxRetries);
-    // The designated constructor, for the library and its tests. `rateLimiter` may be null.
-    static std::shared_ptr<PellorinClient> make(std::shared_ptr<RateLimiter> rateLimiter,
-                                                uint8_t maxConnections, uint8_t maxRetries,
-                                                Logger logger);
-    PellorinClient() = delete;
     PellorinClient(const PellorinClient&) = delete;
     PellorinClient& operator=(const PellorinClient&) = delete;
-    ~PellorinClient();
+    virtual ~PellorinClient();
 
     // The library's bundle identifier and its short version string.
     static std::string bundle();
@@ -53,46 +48,33 @@ class PELLORIN_EXPORT PellorinClient : public std::enable_shared_from_this<Pello
 
     // When set, each part's HTTP session is built from the supplier's result (called once per
     // attempt) instead of the default configuration. Set before the transfer starts.
-    SessionConfigurationSupplier sessionConfigurationSupplier() const;
-    void setSessionConfigurationSupplier(SessionConfigurationSupplier supplier);
+    virtual SessionConfigurationSupplier sessionConfigurationSupplier() const = 0;
+    virtual void setSessionConfigurationSupplier(SessionConfigurationSupplier supplier) = 0;
 
     // Registers a listener, held weakly; `queue` may be null. No duplicate check: a delegate
     // added twice is called twice. Fill the registry before the transfer starts (no lock).
-    void addDelegate(const std::shared_ptr<PellorinClientDelegate>& delegate,
-                     std::shared_ptr<SerialQueue> queue);
+    virtual void addDelegate(const std::shared_ptr<PellorinClientDelegate>& delegate,
+                             std::shared_ptr<SerialQueue> queue) = 0;
     // Removes every entry for `delegate` (identity); entries of released delegates stay.
-    void removeDelegate(const std::shared_ptr<PellorinClientDelegate>& delegate);
+    virtual void removeDelegate(const std::shared_ptr<PellorinClientDelegate>& delegate) = 0;
 
     // Queues one part. Nothing starts before `waitUntilFinished`. Any thread.
-    void uploadPartRequest(std::shared_ptr<FilePartRequest> partRequest);
+    virtual void uploadPartRequest(std::shared_ptr<FilePartRequest> partRequest) = 0;
 
     // Runs the transfer and blocks until every part has completed or failed; returns the exit
     // status (0: no part failed, 1 otherwise). Returns 0 at once when no part was queued.
-    int32_t waitUntilFinished();
+    virtual int32_t waitUntilFinished() = 0;
 
     // Cancels: sessions in flight end as cancelled, waiting parts fail with `cancelledByUser`.
     // One-way; a second call only logs. Any thread.
-    void invalidateAndCancel();
+    virtual void invalidateAndCancel() = 0;
 
-    const Logger& logger() const;
-    uint8_t maxConnections() const;
-    uint8_t maxRetries() const;
-    std::shared_ptr<RateLimiter> rateLimiter() const;
+    virtual const Logger& logger() const = 0;
+    virtual uint8_t maxConnections() const = 0;
+    virtual uint8_t maxRetries() const = 0;
 
-    // The client's internal state; defined inside the library.
-    struct State;
-
-    // Only the library can make one of these, so only `make` can construct a client.
-    class ConstructionKey {
-        friend class PellorinClient;
-        ConstructionKey() = default;
-    };
-    PellorinClient(ConstructionKey, std::shared_ptr<RateLimiter> rateLimiter,
-                   uint8_t maxConnections, uint8_t maxRetries, Logger logger);
-
-  private:
-    friend struct ClientAccess;
-    std::unique_ptr<State> state_;
+  protected:
+    PellorinClient() = default;
 };
 
 }  // namespace pellorin

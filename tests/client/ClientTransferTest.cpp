@@ -85,9 +85,10 @@ TEST(ClientScheduling, NothingSubmittedReturnsZeroAtOnceWithoutNotification) {
 
 TEST(ClientScheduling, StandardClientMultipliesTheRateLimitByAThousand) {
     auto client = PellorinClient::standardClient(5, 2, 1);
-    ASSERT_TRUE(client->rateLimiter());
-    EXPECT_EQ(client->rateLimiter()->permitsPerSecond(), 5000u);
-    EXPECT_FALSE(PellorinClient::standardClient(std::nullopt, 2, 1)->rateLimiter());
+    const auto& limiter = ClientCore::of(*client).rateLimiter();
+    ASSERT_TRUE(limiter);
+    EXPECT_EQ(limiter->permitsPerSecond(), 5000u);
+    EXPECT_FALSE(ClientCore::of(*PellorinClient::standardClient(std::nullopt, 2, 1)).rateLimiter());
 }
 
 TEST(ClientBadParts, MissingFileAndPartPastTheEndFailAloneWhileTheOthersAndAnEmptyOneComplete) {

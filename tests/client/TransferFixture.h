@@ -18,6 +18,7 @@
 #include <thread>
 #include <vector>
 
+#include "client/ClientCore.h"
 #include "receiver/Receiver.h"
 #include "support/FileDigest.h"
 #include "support/RecordingDelegate.h"
@@ -43,7 +44,7 @@ class Transfer {
         receiver = std::make_unique<receiver::Receiver>(options);
         receiver->start();
         Logger logger("test.client", std::make_unique<RecordingLogHandler>(log));
-        client = PellorinClient::make(nullptr, maxConnections, maxRetries, logger);
+        client = ClientCore::make(nullptr, maxConnections, maxRetries, logger);
         client->addDelegate(delegate, nullptr);
     }
 

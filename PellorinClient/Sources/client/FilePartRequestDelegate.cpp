@@ -1,26 +1,34 @@
-// The start and the end of one attempt's HTTP session: its creation, the hand-over of the body
-// stream, and the release of the connection slot when the session has become invalid.
+// One attempt's session: its creation, the hand-over of the body stream, the counting of the
+// bytes sent, and what the attempt ended with, passed on to the client core.
 #include "client/FilePartRequestDelegate.h"
 
-#include <algorithm>
-
 #include "Platform/Fatal.h"
-#include "client/ClientState.h"
+#include "client/AttemptDecision.h"
+#include "client/ClientCore.h"
+#include "client/Formatting.h"
 #include "datapath/FilePartInputStream.h"
-#include "datapath/MessageDigest.h"
-#include "datapath/SharedFile.h"
 
 namespace pellorin {
 
 FilePartRequestDelegate::FilePartRequestDelegate(std::shared_ptr<FilePartRequest> partRequest,
-                                                 std::shared_ptr<PellorinClient> client,
-                                                 Logger logger,
-                                                 std::unique_ptr<ThroughputMonitor> throughput)
-    : partRequest_(std::move(partRequest)),
-      client_(std::move(client)),
-      logger_(std::move(logger)),
-      throughput_(std::move(throughput)),
-      status_(TransferState::waiting(partRequest_)) {}
+                                                 std::shared_ptr<ClientCore> core)
+    : partRequest_(std::move(partRequest)), core_(std::move(core)) {
+    throughput_.startTime = std::chrono::system_clock::now();
+}
+
+ClientCore& FilePartRequestDelegate::core() const {
+    if (!core_) {
+        fatalError("the session of " + debugDescription() + " called back after it ended");
+    }
+    return *core_;
+}
+
+FilePartInputStream& FilePartRequestDelegate::requireBody() const {
+    if (!body_) {
+        fatalError("the body of " + debugDescription() + " was never handed over");
+    }
+    return *body_;
+}
 
 std::shared_ptr<HttpSession> FilePartRequestDelegate::currentSession() const {
     std::lock_guard lock(sessionMutex_);
@@ -32,25 +40,8 @@ std::shared_ptr<HttpSession> FilePartRequestDelegate::httpSession() {
     if (session_ || sessionEnded_) {
         return session_;
     }
-    if (!client_) {
-        fatalError("the session of " + debugDescription() + " was asked for without a client");
-    }
-    auto& state = ClientAccess::state(*client_);
-    SessionConfiguration configuration;
-    if (!state.sessionConfigurationSupplier) {
-        configuration = SessionConfiguration::ephemeral();
-        // The idle time-out grows with the number of parallel connections on purpose: more
-        // connections share the same bandwidth, so each one may go quiet for longer.
-        configuration.timeoutIntervalForRequest = state.maxConnections * 120.0;
-    } else {
-        configuration = state.sessionConfigurationSupplier();
-    }
-    // Never below TLS 1.2, whatever the supplier asked for.
-    if (static_cast<unsigned>(configuration.minimumTLSVersion) <
-        static_cast<unsigned>(TLSVersion::v1_2)) {
-        configuration.minimumTLSVersion = TLSVersion::v1_2;
-    }
-    session_ = HttpSession::make(configuration, shared_from_this(), state.delegateQueue);
+    session_ = HttpSession::make(core().sessionConfiguration(), shared_from_this(),
+                                 core().delegateQueue());
     session_->setSessionDescription("filePath: " + partRequest_->filePath() +
                                     ", partNumber: " + std::to_string(partRequest_->partNumber()));
     return session_;
@@ -59,78 +50,96 @@ std::shared_ptr<HttpSession> FilePartRequestDelegate::httpSession() {
 void FilePartRequestDelegate::urlSessionTaskNeedNewBodyStream(
     HttpSession& /*session*/, UploadTask& task,
     std::function<void(std::shared_ptr<InputStream>)> completionHandler) {
-    logger_.trace([&] { return "needNewBodyStream task id: " + debugDescription(); });
-    if (!status_.isWaiting()) {
-        fatalError(
-            "Illegal State Exception, part is not waiting to start, the current status is: " +
-            status_.description());
+    if (body_) {
+        fatalError("the body of " + debugDescription() + " was asked for twice");
     }
-    logger_.debug([&] { return "needNewBodyStream: " + debugDescription(); });
-    if (!client_) {
-        fatalError("the body of " + debugDescription() + " was asked for without a client");
+    core().logger().debug([&] { return "needNewBodyStream: " + debugDescription(); });
+    std::shared_ptr<FilePartInputStream> stream = core().openBody(partRequest_);
+    if (!stream) {
+        abandoned_ = true;
+        completionHandler(nullptr);
+        task.cancel();
+        return;
     }
-    PellorinClient& client = *client_;
-    auto& state = ClientAccess::state(client);
+    body_ = stream;
+    completionHandler(std::move(stream));
+    core().partDidStart(*partRequest_);
+}
 
-    std::shared_ptr<SharedFile> file;
-    std::shared_ptr<RateLimiter> limiter;
-    if (auto found = state.filesByPath.find(partRequest_->filePath());
-        found != state.filesByPath.end()) {
-        file = found->second;
-        limiter = state.rateLimiter;
-    } else {
-        // The first part of a file to start streams unthrottled; later parts share the limiter.
-        try {
-            file = std::make_shared<SharedFile>(partRequest_->filePath());
-        } catch (const SharedFileError& error) {
-            abandoned_ = true;
-            client::failPart(client, partRequest_, PellorinError::error(error.description()));
-            logger_.error([&] {
-                return "Could not process file part: " + debugDescription() +
-                       ".  Cancelling the file transfer.";
-            });
-            logger_.error([&] { return error.description(); });
-            completionHandler(nullptr);
-            task.cancel();
-            return;
+void FilePartRequestDelegate::urlSessionTaskDidSendBodyData(HttpSession& /*session*/,
+                                                            UploadTask& /*task*/, int64_t bytesSent,
+                                                            int64_t totalBytesSent,
+                                                            int64_t /*totalBytesExpectedToSend*/) {
+    requireBody();
+    if (bytesSent < 0) {
+        fatalError("negative byte count " + std::to_string(bytesSent) + " for " +
+                   debugDescription());
+    }
+    throughput_.bytesSentCounter = checkedAdd<uint64_t>(
+        throughput_.bytesSentCounter, static_cast<uint64_t>(bytesSent), "bytes sent overflow");
+    core().partDidSend(*partRequest_, bytesSent, totalBytesSent);
+}
+
+void FilePartRequestDelegate::urlSessionTaskDidFinishCollectingMetrics(HttpSession& /*session*/,
+                                                                       UploadTask& /*task*/,
+                                                                       const TaskMetrics& metrics) {
+    core().logger().debug([&] { return "didFinishCollecting metrics: " + metrics.description(); });
+    if (metrics.transactionMetrics.empty()) {
+        return;
+    }
+    const int64_t sent = metrics.transactionMetrics.front().countOfRequestBodyBytesSent;
+    if (sent < 0) {
+        fatalError("negative request body byte count for " + debugDescription());
+    }
+    // The transport's own count replaces the sum of the progress callbacks.
+    throughput_.bytesSentCounter = static_cast<uint64_t>(sent);
+}
+
+void FilePartRequestDelegate::urlSessionTaskDidCompleteWithError(
+    HttpSession& session, UploadTask& task, const std::optional<PlatformError>& error) {
+    core().logger().trace(
+        [&] { return "didCompleteWithError taskIdentifier: " + task.description(); });
+    throughput_.endTime = std::chrono::system_clock::now();
+    // An attempt given up before its body started was reported when it was given up.
+    if (!abandoned_) {
+        AttemptEnding ending;
+        if (error) {
+            ending.error = error;
+            if (error->domain == kURLErrorDomain && error->code == URLError::timedOut) {
+                core().logger().debug([&] {
+                    const double elapsed = throughput_.elapsedTime();
+                    return "request timeout after: " + doubleDescription(elapsed) +
+                           " seconds, throughput: " +
+                           toString(Throughput::KBytesSec, throughput_.bytesSentCounter, elapsed);
+                });
+            }
+        } else {
+            const std::shared_ptr<const HttpResponse> response = task.response();
+            if (!response) {
+                fatalError("a task of " + debugDescription() + " completed without a response");
+            }
+            ending.statusCode = response->statusCode();
+            ending.retryAfter = response->valueForHTTPHeaderField("Retry-After");
+            ending.remoteChecksum = remoteChecksum(*response);
+            if (ending.remoteChecksum) {
+                ending.checksum = requireBody().verifyRemoteChecksum(*ending.remoteChecksum);
+            }
         }
-        state.filesByPath.emplace(partRequest_->filePath(), file);
+        core().attemptDidEnd(partRequest_, std::move(ending), throughput_);
     }
-
-    auto stream = filePart(DigestAlgorithm::md5, file, partRequest_->partNumber(),
-                           partRequest_->offset(), partRequest_->length(), limiter);
-    status_.value = TransferState::Executing{partRequest_, stream};
-    completionHandler(stream);
-
-    auto message = std::make_shared<const PartStartedMessage>(
-        partRequest_->filePath(), partRequest_->partNumber(), partRequest_->retryCount());
-    client::notifyDelegates(
-        client,
-        [message](PellorinClientDelegate& delegate, PellorinClient& c) {
-            delegate.pellorinClientDidStartPart(c, message);
-        },
-        Delivery::asynchronous);
+    session.finishTasksAndInvalidate();
 }
 
 void FilePartRequestDelegate::urlSessionDidBecomeInvalidWithError(
     HttpSession& session, const std::optional<PlatformError>& error) {
-    logger_.trace([&] {
+    core().logger().trace([&] {
         return "session:didBecomeInvalidWithError: " +
                (error ? error->description() : std::string("nil")) + " (" +
                session.sessionDescription().value_or("no session description") + ")";
     });
-    if (!client_) {
-        fatalError("the session of " + debugDescription() + " ended twice");
-    }
-    // Keep the client alive to the end of this function even if this was its last holder.
-    const std::shared_ptr<PellorinClient> client = std::move(client_);
-    auto& state = ClientAccess::state(*client);
-    state.filePartDelegates.removeIf(
-        [this](const std::shared_ptr<FilePartRequestDelegate>& d) { return d.get() == this; });
-    client::signalCompletionIfIdle(*client);
-    if (state.maxConnectionsSemaphore) {
-        state.maxConnectionsSemaphore->signal();
-    }
+    // Keep the core alive to the end of this function even if this was its last holder.
+    const std::shared_ptr<ClientCore> core = std::move(core_);
+    core->attemptDidBecomeInvalid(*this);
     std::lock_guard lock(sessionMutex_);
     session_.reset();
     sessionEnded_ = true;

@@ -1,30 +1,31 @@
 // FilePartRequestDelegate: one attempt of one part. It owns the attempt's HTTP session, hands the
-// session the part's body stream, and decides what the end of the upload means (success, retry,
-// failure).
+// session the part's body stream, and tells the client core what the attempt ended with; the
+// core decides what that means.
 //
-// Lifetime: created by startUpload on the scheduling queue and kept in the client's
-// filePartDelegates until its session has become invalid. The session keeps it alive until then;
-// it keeps the client alive until then. Every callback runs on the client's delegate queue.
+// Lifetime: created by the core's startAttempt on the scheduling queue and kept in its scheduler
+// until the session has become invalid. The session keeps the attempt alive until then; the
+// attempt keeps the core alive until then. Every callback runs on the client's delegate queue.
 #pragma once
 
 #include <memory>
+#include <mutex>
 #include <optional>
 
-#include <pellorin/Logging.h>
-#include <pellorin/PellorinClient.h>
+#include <pellorin/FilePartRequest.h>
 #include <pellorin/ThroughputMonitor.h>
 
 #include "Platform/HttpSession.h"
-#include "client/TransferState.h"
 
 namespace pellorin {
+
+class ClientCore;
+class FilePartInputStream;
 
 class FilePartRequestDelegate final : public HttpSessionDelegate,
                                       public std::enable_shared_from_this<FilePartRequestDelegate> {
   public:
     FilePartRequestDelegate(std::shared_ptr<FilePartRequest> partRequest,
-                            std::shared_ptr<PellorinClient> client, Logger logger,
-                            std::unique_ptr<ThroughputMonitor> throughput);
+                            std::shared_ptr<ClientCore> core);
 
     // The attempt's session, created on first use (scheduling queue) from the client's session
     // configuration; absent once the session has become invalid, and never created again.
@@ -48,17 +49,13 @@ class FilePartRequestDelegate final : public HttpSessionDelegate,
                                              const std::optional<PlatformError>& error) override;
 
   private:
-    // The three endings of a completed task with an HTTP response (delegate queue).
-    void completeWithResponse(HttpSession& session, UploadTask& task);
-    void completeWithError(const PlatformError& error);
-    void verifyChecksum(const TransferState::Executing& executing, const HttpResponse& response);
-    const TransferState::Executing& requireExecuting() const;
+    FilePartInputStream& requireBody() const;
+    ClientCore& core() const;
 
     const std::shared_ptr<FilePartRequest> partRequest_;
-    std::shared_ptr<PellorinClient> client_;  // cleared when the session has become invalid
-    const Logger logger_;
-    const std::unique_ptr<ThroughputMonitor> throughput_;  // this attempt's own counters
-    TransferState status_;                                 // delegate queue only
+    std::shared_ptr<ClientCore> core_;           // cleared when the session has become invalid
+    ThroughputMonitor throughput_;               // this attempt's own counters; delegate queue only
+    std::shared_ptr<FilePartInputStream> body_;  // once handed over; delegate queue only
 
     mutable std::mutex sessionMutex_;       // guards the two fields below (read by the drain)
     std::shared_ptr<HttpSession> session_;  // guarded by sessionMutex_

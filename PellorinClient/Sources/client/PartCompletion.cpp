@@ -1,228 +1,176 @@
-// What the end of an attempt means: success when the server's checksum matches the digest of
-// the bytes sent, a retry for transient endings, a failure for everything else. Also the body
-// progress and metrics callbacks of the attempt, and the part failure shared with cancellation
-// and retries. Everything here runs on the client's delegate queue.
-#include <cctype>
+// The attempts' side of the client core: their sessions' configuration, the opening of their
+// bodies, their reports, and the carrying out of what decideAttempt says their end means
+// (complete, retry, fail). Everything but sessionConfiguration runs on the delegate queue.
+#include <algorithm>
 
-#include "Platform/Encoding.h"
 #include "Platform/Fatal.h"
-#include "client/ClientState.h"
+#include "client/ClientCore.h"
 #include "client/ErrorConversion.h"
 #include "client/FilePartRequestDelegate.h"
 #include "client/Formatting.h"
 #include "datapath/FilePartInputStream.h"
+#include "datapath/MessageDigest.h"
+#include "datapath/SharedFile.h"
 
 namespace pellorin {
 
 namespace {
 
-bool equalIgnoringCase(const std::string& a, const std::string& b) {
-    if (a.size() != b.size()) {
-        return false;
-    }
-    for (size_t i = 0; i < a.size(); ++i) {
-        if (std::tolower(static_cast<unsigned char>(a[i])) !=
-            std::tolower(static_cast<unsigned char>(b[i]))) {
-            return false;
-        }
-    }
-    return true;
+// now + seconds, with the offset held to ±30 years so that any finite wait gives a valid time.
+std::chrono::system_clock::time_point timeAfter(double seconds) {
+    constexpr double kLimit = 30.0 * 365 * 24 * 3600;
+    const double clamped = std::clamp(seconds, -kLimit, kLimit);
+    return std::chrono::system_clock::now() +
+           std::chrono::duration_cast<std::chrono::system_clock::duration>(
+               std::chrono::duration<double>(clamped));
 }
 
 }  // namespace
 
-const TransferState::Executing& FilePartRequestDelegate::requireExecuting() const {
-    const TransferState::Executing* executing = status_.executing();
-    if (!executing) {
-        fatalError("TransferStatus is invalid it should be executing, instead it is: " +
-                   status_.description() + "; " + debugDescription());
-    }
-    return *executing;
-}
-
-void FilePartRequestDelegate::urlSessionTaskDidCompleteWithError(
-    HttpSession& session, UploadTask& task, const std::optional<PlatformError>& error) {
-    logger_.trace([&] { return "didCompleteWithError taskIdentifier: " + task.description(); });
-    throughput_->endTime = std::chrono::system_clock::now();
-    // An attempt given up before its body started was reported when it was given up.
-    if (!abandoned_) {
-        if (error) {
-            completeWithError(*error);
-        } else {
-            completeWithResponse(session, task);
-        }
-    }
-    session.finishTasksAndInvalidate();
-}
-
-void FilePartRequestDelegate::completeWithResponse(HttpSession& /*session*/, UploadTask& task) {
-    const TransferState::Executing& executing = requireExecuting();
-    const std::shared_ptr<const HttpResponse> response = task.response();
-    if (!response) {
-        fatalError("a task of " + debugDescription() + " completed without an HTTP response");
-    }
-    PellorinClient& client = *client_;
-    const int code = response->statusCode();
-    if (code == 200 || code == 201) {
-        verifyChecksum(executing, *response);
-    } else if (code == 408 || code == 429 || (code >= 500 && code <= 599)) {
-        if (ClientAccess::state(client).cancelled.load()) {
-            client::failPart(client, partRequest_, PellorinError::cancelledByUser());
-        } else {
-            client::requeuePartRequest(client, partRequest_, throughput_->bytesSentCounter,
-                                       *response);
-        }
+SessionConfiguration ClientCore::sessionConfiguration() const {
+    SessionConfiguration configuration;
+    if (!sessionConfigurationSupplier_) {
+        configuration = SessionConfiguration::ephemeral();
+        // The idle time-out grows with the number of parallel connections on purpose: more
+        // connections share the same bandwidth, so each one may go quiet for longer.
+        configuration.timeoutIntervalForRequest = maxConnections_ * 120.0;
     } else {
-        client::failPart(client, partRequest_, PellorinError::unknownServerResponseCode(code));
+        configuration = sessionConfigurationSupplier_();
     }
+    // Never below TLS 1.2, whatever the supplier asked for.
+    if (static_cast<unsigned>(configuration.minimumTLSVersion) <
+        static_cast<unsigned>(TLSVersion::v1_2)) {
+        configuration.minimumTLSVersion = TLSVersion::v1_2;
+    }
+    return configuration;
 }
 
-void FilePartRequestDelegate::verifyChecksum(const TransferState::Executing& executing,
-                                             const HttpResponse& response) {
-    PellorinClient& client = *client_;
-    auto& state = ClientAccess::state(client);
-    std::optional<std::string> remote;
-    if (const auto contentMD5 = response.valueForHTTPHeaderField("Content-MD5")) {
-        if (const auto decoded = base64DecodeStrict(*contentMD5)) {
-            remote = hexString(*decoded);
-        }
-    }
-    if (!remote) {
-        remote = response.valueForHTTPHeaderField("ETag");
-    }
-    if (!remote) {
-        client::failPart(client, partRequest_, PellorinError::noRemoteChecksum());
-        return;
-    }
-    const std::string local = hexString(executing.stream->digestData());
-
-    if (equalIgnoringCase(local, *remote)) {
-        state.completedRequests.push_back({TransferState::Successful{partRequest_, *remote}});
-        auto message = std::make_shared<const PartCompleteMessage>(
-            partRequest_->filePath(), partRequest_->partNumber(), *remote);
-        client::notifyDelegates(
-            client,
-            [message](PellorinClientDelegate& delegate, PellorinClient& c) {
-                delegate.pellorinClientPartDidComplete(c, message);
-            },
-            Delivery::synchronous);
-        logger_.debug([&] {
-            return "part #: " + std::to_string(partRequest_->partNumber()) +
-                   " retryCount: " + std::to_string(partRequest_->retryCount()) + " throughput: " +
-                   toString(Throughput::KBitsSec, throughput_->bytesSentCounter,
-                            throughput_->elapsedTime());
-        });
-        return;
-    }
-    const PellorinError mismatch = PellorinError::checksumFailed(local, *remote);
-    partRequest_->appendError(mismatch);
-    if (!state.cancelled.load()) {
-        client::requeuePartRequest(client, partRequest_, throughput_->bytesSentCounter,
-                                   std::nullopt, mismatch);
+std::shared_ptr<FilePartInputStream> ClientCore::openBody(
+    const std::shared_ptr<FilePartRequest>& part) {
+    assertOnDelegateQueue();
+    std::shared_ptr<SharedFile> file;
+    std::shared_ptr<RateLimiter> limiter;
+    if (auto found = filesByPath_.find(part->filePath()); found != filesByPath_.end()) {
+        file = found->second;
+        limiter = rateLimiter_;
     } else {
-        client::failPart(client, partRequest_, PellorinError::cancelledByUser());
+        // The first part of a file to start streams unthrottled; later parts share the limiter.
+        try {
+            file = std::make_shared<SharedFile>(part->filePath());
+        } catch (const SharedFileError& error) {
+            failPart(part, PellorinError::error(error.description()));
+            logger_.error([&] {
+                return "Could not process file part: " + part->debugDescription() +
+                       ".  Cancelling the file transfer.";
+            });
+            logger_.error([&] { return error.description(); });
+            return nullptr;
+        }
+        filesByPath_.emplace(part->filePath(), file);
     }
+    return filePart(DigestAlgorithm::md5, file, part->partNumber(), part->offset(), part->length(),
+                    limiter);
 }
 
-void FilePartRequestDelegate::completeWithError(const PlatformError& error) {
-    PellorinClient& client = *client_;
-    auto& state = ClientAccess::state(client);
-    const uint64_t lost = throughput_->bytesSentCounter;
-    const PellorinError wrapped = PellorinError::nsError(error);
-    const auto backoffWait = [&] {
-        const size_t next =
-            checkedAdd<size_t>(partRequest_->retryCount(), 1, "retryCount overflow");
-        return state.backoff.delayTimeForRetryCount(next);
-    };
+void ClientCore::partDidStart(const FilePartRequest& part) {
+    notify(&PellorinClientDelegate::pellorinClientDidStartPart,
+           std::make_shared<const PartStartedMessage>(part.filePath(), part.partNumber(),
+                                                      part.retryCount()),
+           Delivery::asynchronous);
+}
 
-    if (error.domain != kURLErrorDomain) {
-        partRequest_->appendError(wrapped);
-        client::requeuePartRequest(client, partRequest_, lost, backoffWait(), wrapped);
-        return;
+void ClientCore::partDidSend(const FilePartRequest& part, int64_t bytesSent,
+                             int64_t totalBytesSent) {
+    notify(&PellorinClientDelegate::pellorinClientDidReceivePartProgress,
+           std::make_shared<const PartProgressMessage>(part.filePath(), part.partNumber(),
+                                                       part.length(), bytesSent, totalBytesSent),
+           Delivery::asynchronous);
+}
+
+void ClientCore::attemptDidEnd(const std::shared_ptr<FilePartRequest>& part, AttemptEnding ending,
+                               const ThroughputMonitor& throughput) {
+    assertOnDelegateQueue();
+    ending.cancelled = scheduler_.isCancelled();
+    ending.retryCount = part->retryCount();
+    ending.maxRetries = maxRetries_;
+    const AttemptDecision decision = decideAttempt(ending);
+    if (decision.warning) {
+        logger_.warning([&] { return *decision.warning; });
     }
-    if (error.code == URLError::cancelled) {
-        client::failPart(client, partRequest_, PellorinError::cancelledByUser());
-        return;
+    if (decision.recorded) {
+        part->appendError(*decision.recorded);
     }
-    partRequest_->appendError(wrapped);
-    if (error.code == URLError::timedOut) {
+    if (decision.retryCount != part->retryCount()) {
         logger_.debug([&] {
-            const double elapsed = throughput_->elapsedTime();
-            return "request timeout after: " + doubleDescription(elapsed) +
-                   " seconds, throughput: " +
-                   toString(Throughput::KBytesSec, throughput_->bytesSentCounter, elapsed);
+            const auto* retry = std::get_if<AttemptDecision::Retry>(&decision.outcome);
+            return "re-queueing part # " + std::to_string(part->partNumber()) +
+                   " retries: " + std::to_string(part->retryCount()) +
+                   " wait:" + optionalDescription(retry ? retry->wait : std::nullopt);
         });
+        part->setRetryCount(decision.retryCount);
     }
-    std::optional<double> wait;
-    if (error.code != URLError::cannotConnectToHost &&
-        error.code != URLError::cannotParseResponse) {
-        wait = backoffWait();
+    if (const auto* complete = std::get_if<AttemptDecision::Complete>(&decision.outcome)) {
+        completePart(part, complete->eTag, throughput);
+    } else if (const auto* retry = std::get_if<AttemptDecision::Retry>(&decision.outcome)) {
+        retryPart(part, *retry, throughput.bytesSentCounter);
+    } else {
+        failPart(part, std::get<AttemptDecision::Fail>(decision.outcome).error);
     }
-    client::requeuePartRequest(client, partRequest_, lost, wait, wrapped);
 }
 
-void FilePartRequestDelegate::urlSessionTaskDidSendBodyData(HttpSession& /*session*/,
-                                                            UploadTask& /*task*/, int64_t bytesSent,
-                                                            int64_t totalBytesSent,
-                                                            int64_t totalBytesExpectedToSend) {
-    logger_.trace([&] {
-        return "didSendBodyData: bytesSent: " + std::to_string(bytesSent) +
-               ", totalBytesSent: " + std::to_string(totalBytesSent) +
-               ", totalBytesExpectedToSend: " + std::to_string(totalBytesExpectedToSend);
+void ClientCore::completePart(const std::shared_ptr<FilePartRequest>& part, const std::string& eTag,
+                              const ThroughputMonitor& throughput) {
+    notify(&PellorinClientDelegate::pellorinClientPartDidComplete,
+           std::make_shared<const PartCompleteMessage>(part->filePath(), part->partNumber(), eTag),
+           Delivery::synchronous);
+    logger_.debug([&] {
+        return "part #: " + std::to_string(part->partNumber()) +
+               " retryCount: " + std::to_string(part->retryCount()) + " throughput: " +
+               toString(Throughput::KBitsSec, throughput.bytesSentCounter,
+                        throughput.elapsedTime());
     });
-    requireExecuting();
-    if (bytesSent < 0) {
-        fatalError("negative byte count " + std::to_string(bytesSent) + " for " +
-                   debugDescription());
-    }
-    throughput_->bytesSentCounter = checkedAdd<uint64_t>(
-        throughput_->bytesSentCounter, static_cast<uint64_t>(bytesSent), "bytes sent overflow");
-    auto message = std::make_shared<const PartProgressMessage>(
-        partRequest_->filePath(), partRequest_->partNumber(), partRequest_->length(), bytesSent,
-        totalBytesSent);
-    client::notifyDelegates(
-        *client_,
-        [message](PellorinClientDelegate& delegate, PellorinClient& c) {
-            delegate.pellorinClientDidReceivePartProgress(c, message);
-        },
-        Delivery::asynchronous);
 }
 
-void FilePartRequestDelegate::urlSessionTaskDidFinishCollectingMetrics(HttpSession& /*session*/,
-                                                                       UploadTask& /*task*/,
-                                                                       const TaskMetrics& metrics) {
-    logger_.debug([&] { return "didFinishCollecting metrics: " + metrics.description(); });
-    if (metrics.transactionMetrics.empty()) {
+void ClientCore::retryPart(const std::shared_ptr<FilePartRequest>& part,
+                           const AttemptDecision::Retry& retry, uint64_t lostByteCount) {
+    notify(&PellorinClientDelegate::pellorinClientWillRetryPart,
+           std::make_shared<const PartRetryMessage>(
+               part->filePath(), part->partNumber(), lostByteCount, part->retryCount(),
+               retry.wait.value_or(0.0), toErrorMessage(retry.error)),
+           Delivery::asynchronous);
+    // The wait orders the queue; the scheduling loop does not hold the part back for it.
+    const auto notBefore = retry.wait ? timeAfter(*retry.wait) : std::chrono::system_clock::now();
+    if (scheduler_.enqueue(notBefore, part)) {
+        submitProcessWaitQueue();
         return;
     }
-    const int64_t sent = metrics.transactionMetrics.front().countOfRequestBodyBytesSent;
-    if (sent < 0) {
-        fatalError("negative request body byte count for " + debugDescription());
-    }
-    // The transport's own count replaces the sum of the progress callbacks.
-    throughput_->bytesSentCounter = static_cast<uint64_t>(sent);
+    // A cancelled client schedules nothing more and has already emptied its wait queue: a part
+    // whose attempt ended just before the cancellation reached it fails as cancelled, like every
+    // part that was waiting when the cancellation came.
+    failPart(part, PellorinError::cancelledByUser());
 }
 
-void client::failPart(PellorinClient& client, const std::shared_ptr<FilePartRequest>& partRequest,
-                      const PellorinError& error) {
-    auto& state = ClientAccess::state(client);
-    partRequest->appendError(error);
-    state.completedRequests.push_back({TransferState::Failed{partRequest}});
+void ClientCore::failPart(const std::shared_ptr<FilePartRequest>& part,
+                          const PellorinError& error) {
+    assertOnDelegateQueue();
+    part->appendError(error);
     std::vector<std::shared_ptr<const ErrorMessage>> errors;
-    for (const PellorinError& each : partRequest->errors()) {
+    for (const PellorinError& each : part->errors()) {
         errors.push_back(toErrorMessage(each));
     }
-    auto message = std::make_shared<const PartFailureMessage>(
-        partRequest->filePath(), partRequest->partNumber(), partRequest->url(), std::move(errors));
-    const Delivery delivery = error.kind() == PellorinError::Kind::cancelledByUser
-                                  ? Delivery::synchronous
-                                  : Delivery::asynchronous;
-    notifyDelegates(
-        client,
-        [message](PellorinClientDelegate& delegate, PellorinClient& c) {
-            delegate.pellorinClientPartDidFail(c, message);
-        },
-        delivery);
+    notify(&PellorinClientDelegate::pellorinClientPartDidFail,
+           std::make_shared<const PartFailureMessage>(part->filePath(), part->partNumber(),
+                                                      part->url(), std::move(errors)),
+           error.kind() == PellorinError::Kind::cancelledByUser ? Delivery::synchronous
+                                                                : Delivery::asynchronous);
+}
+
+void ClientCore::attemptDidBecomeInvalid(const FilePartRequestDelegate& attempt) {
+    assertOnDelegateQueue();
+    signalCompletionIfIdle(scheduler_.attemptEnded(attempt));
+    if (maxConnectionsSemaphore_) {
+        maxConnectionsSemaphore_->signal();
+    }
 }
 
 }  // namespace pellorin
