@@ -1,5 +1,6 @@
 #include "Platform/Encoding.h"
 
+#include <algorithm>
 #include <array>
 
 namespace pellorin {
@@ -127,6 +128,14 @@ bool isValidUtf8(std::string_view text) {
         i += length;
     }
     return true;
+}
+
+bool equalsIgnoringCase(std::string_view a, std::string_view b) {
+    const auto lower = [](char c) {
+        return (c >= 'A' && c <= 'Z') ? static_cast<char>(c - 'A' + 'a') : c;
+    };
+    return a.size() == b.size() && std::equal(a.begin(), a.end(), b.begin(),
+                                              [&](char x, char y) { return lower(x) == lower(y); });
 }
 
 }  // namespace pellorin

@@ -22,6 +22,10 @@ std::optional<std::vector<uint8_t>> base64DecodeStrict(std::string_view text);
 // Standard-alphabet base64 with padding.
 std::string base64Encode(std::span<const uint8_t> bytes);
 
+// True when `a` and `b` are equal but for the case of ASCII letters (whatever the locale). The one
+// case-insensitive comparison of the library: header names, checksums.
+bool equalsIgnoringCase(std::string_view a, std::string_view b);
+
 // True when `text` is well-formed UTF-8: no overlong forms, no surrogates, nothing past U+10FFFF,
 // no truncated sequence.
 bool isValidUtf8(std::string_view text);

@@ -2,13 +2,11 @@
 
 #include <algorithm>
 
+#include "Platform/Encoding.h"
+
 namespace pellorin {
 
 namespace {
-
-char asciiLower(char c) {
-    return (c >= 'A' && c <= 'Z') ? static_cast<char>(c - 'A' + 'a') : c;
-}
 
 std::string trimmed(std::string_view text) {
     const size_t first = text.find_first_not_of(" \t\r\n");
@@ -26,9 +24,7 @@ bool isDecimal(const std::string& text) {
 }  // namespace
 
 bool headerNamesEqual(std::string_view a, std::string_view b) {
-    return a.size() == b.size() && std::equal(a.begin(), a.end(), b.begin(), [](char x, char y) {
-               return asciiLower(x) == asciiLower(y);
-           });
+    return equalsIgnoringCase(a, b);
 }
 
 std::optional<std::string> firstHeaderValue(const HttpHeaderFields& fields, std::string_view name) {

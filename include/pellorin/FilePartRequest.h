@@ -32,7 +32,12 @@ PELLORIN_EXPORT std::optional<HTTPMethodType> httpMethodTypeFromRawValue(std::st
 PELLORIN_EXPORT const char* rawValue(HTTPMethodType method);
 
 class PELLORIN_EXPORT FilePartRequest {
-    struct Token {};  // restricts construction to the factories below
+    // Only the factories below can make one: its constructor is private and user-provided, so
+    // `{}` does not make one outside this class either.
+    class Token {
+        Token() {}
+        friend class FilePartRequest;
+    };
 
   public:
     using Headers = std::map<std::string, std::string>;

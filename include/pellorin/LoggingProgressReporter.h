@@ -15,7 +15,6 @@
 #pragma once
 
 #include <cstdint>
-#include <map>
 #include <memory>
 #include <string>
 
@@ -27,8 +26,6 @@
 #include <pellorin/PellorinClientDelegate.h>
 
 namespace pellorin {
-
-struct FileProgressTracker;
 
 class PELLORIN_EXPORT LoggingProgressReporter : public PellorinClientDelegate {
   public:
@@ -70,9 +67,6 @@ class PELLORIN_EXPORT LoggingProgressReporter : public PellorinClientDelegate {
 
   private:
     Logger logger_;
-    // Per-file progress, reserved for throttling progress lines; nothing fills it yet, so every
-    // progress event is logged.
-    std::map<std::string, std::shared_ptr<FileProgressTracker>> fileTrackers_;
 };
 
 }  // namespace pellorin

@@ -21,7 +21,12 @@
 namespace pellorin::host {
 
 class Journal {
-    struct Token {};
+    // Only open() can make one: its constructor is private and user-provided, so `{}` does not
+    // make one outside this class either.
+    class Token {
+        Token() {}
+        friend class Journal;
+    };
 
   public:
     // Opens or creates the journal and reads the parts it records. Throws InputError when the

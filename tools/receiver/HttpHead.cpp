@@ -4,16 +4,11 @@
 #include <cctype>
 #include <charconv>
 
+#include "Platform/Encoding.h"
+
 namespace pellorin::receiver {
 
 namespace {
-
-bool equalsIgnoringCase(std::string_view a, std::string_view b) {
-    return std::ranges::equal(a, b, [](char x, char y) {
-        return std::tolower(static_cast<unsigned char>(x)) ==
-               std::tolower(static_cast<unsigned char>(y));
-    });
-}
 
 std::string_view trim(std::string_view text) {
     const auto first = text.find_first_not_of(" \t");

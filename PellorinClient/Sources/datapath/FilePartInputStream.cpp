@@ -31,13 +31,6 @@ uint32_t streamSeed() {
     return static_cast<uint32_t>(z ^ (z >> 31));
 }
 
-bool equalIgnoringCase(const std::string& a, const std::string& b) {
-    return std::equal(a.begin(), a.end(), b.begin(), b.end(), [](char x, char y) {
-        return std::tolower(static_cast<unsigned char>(x)) ==
-               std::tolower(static_cast<unsigned char>(y));
-    });
-}
-
 }  // namespace
 
 FilePartInputStream::FilePartInputStream(std::shared_ptr<SharedFile> file, uint64_t partNumber,
@@ -223,7 +216,7 @@ const std::vector<uint8_t>& FilePartInputStream::digestData() {
 
 ChecksumStatus FilePartInputStream::verifyRemoteChecksum(const std::string& remote) {
     std::string local = hexString(digestData());
-    if (equalIgnoringCase(local, remote)) {
+    if (equalsIgnoringCase(local, remote)) {
         return ChecksumStatus::matched();
     }
     return ChecksumStatus::failed(std::move(local), remote);

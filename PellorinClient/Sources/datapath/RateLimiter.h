@@ -18,7 +18,12 @@
 namespace pellorin {
 
 class RateLimiter : public std::enable_shared_from_this<RateLimiter> {
-    struct Token {};  // restricts construction to the factories below
+    // Only the factories below can make one: its constructor is private and user-provided, so
+    // `{}` does not make one outside this class either.
+    class Token {
+        Token() {}
+        friend class RateLimiter;
+    };
 
   public:
     // Below 100 permits per second one permit is granted per 1/permitsPerSecond seconds (a rate

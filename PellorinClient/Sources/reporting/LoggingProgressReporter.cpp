@@ -4,7 +4,6 @@
 #include <string_view>
 
 #include "Platform/Fatal.h"
-#include "reporting/FileProgressTracker.h"
 #include "reporting/MessageJson.h"
 
 namespace pellorin {
