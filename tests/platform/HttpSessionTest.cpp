@@ -1,4 +1,6 @@
-// Streamed uploads through the HTTP session service to the local receiver, and cancellation.
+// Contract tests of the HTTP session interface (HttpSession, UploadTask, HttpSessionDelegate), run
+// against the implementation HttpSession::make gives: streamed uploads to the local receiver, the
+// order of the callbacks, and cancellation.
 #include <gtest/gtest.h>
 
 #include <algorithm>

@@ -16,8 +16,10 @@ namespace {
 // The wait used when the server asks for a retry without a usable "Retry-After".
 constexpr double kDefaultRetryAfterSecs = 120.0;
 
-bool isRetryableStatus(int64_t code) {
-    return code == 408 || code == 429 || (code >= 500 && code <= 599);
+// The wait before retry number `retryCount` after a transport error: 0.5 × 2^retryCount
+// seconds, no jitter, no bound (the retry budget is the limit).
+double backoffSeconds(size_t retryCount) {
+    return 0.5 * std::pow(2.0, static_cast<double>(retryCount));
 }
 
 // A retryable ending: retried while the budget lasts, failed with retryCountExceeded after.
@@ -105,10 +107,6 @@ std::optional<std::string> remoteChecksum(const HttpResponse& response) {
     return response.valueForHTTPHeaderField("ETag");
 }
 
-double backoffSeconds(size_t retryCount) {
-    return 0.5 * std::pow(2.0, static_cast<double>(retryCount));
-}
-
 AttemptDecision decideAttempt(const AttemptEnding& ending) {
     if (ending.error) {
         return decideTransportError(ending, *ending.error);
@@ -116,10 +114,11 @@ AttemptDecision decideAttempt(const AttemptEnding& ending) {
     if (ending.statusCode == 200 || ending.statusCode == 201) {
         return decideAccepted(ending);
     }
-    if (isRetryableStatus(ending.statusCode)) {
+    const int64_t code = ending.statusCode;
+    if (code == 408 || code == 429 || (code >= 500 && code <= 599)) {
         return decideRetryAfter(ending);
     }
-    return fail(ending, PellorinError::unknownServerResponseCode(ending.statusCode));
+    return fail(ending, PellorinError::unknownServerResponseCode(code));
 }
 
 }  // namespace pellorin

@@ -3,14 +3,12 @@
 // only carries the decision out. Pure functions, any thread.
 #pragma once
 
-#include <cstddef>
 #include <cstdint>
 #include <optional>
 #include <string>
 #include <variant>
 
 #include <pellorin/PellorinError.h>
-#include <pellorin/PlatformError.h>
 
 #include "datapath/FilePartInputStream.h"
 
@@ -50,10 +48,6 @@ struct AttemptDecision {
 // The server's checksum of the body: the "Content-MD5" header as lower-case hexadecimal when it
 // is strict base64, otherwise the "ETag" header as sent; none when neither is usable.
 std::optional<std::string> remoteChecksum(const HttpResponse& response);
-
-// The wait before retry number `retryCount` after a transport error: 0.5 × 2^retryCount
-// seconds, no jitter, no bound (the retry budget is the limit).
-double backoffSeconds(size_t retryCount);
 
 AttemptDecision decideAttempt(const AttemptEnding& ending);
 

@@ -9,16 +9,9 @@
 
 #include "Platform/Fatal.h"
 #include "Platform/HttpSession.h"
-#include "client/FilePartRequestDelegate.h"
 #include "datapath/RateLimiter.h"
-#include "datapath/SharedFile.h"
 
 namespace pellorin {
-
-namespace {
-// The label of the logger every standard client logs through.
-constexpr const char* kLoggerLabel = "org.pellorin.transport.upload";
-}  // namespace
 
 PellorinClient::~PellorinClient() = default;
 
@@ -33,7 +26,9 @@ std::shared_ptr<PellorinClient> PellorinClient::standardClient(std::optional<uin
         }
         limiter = RateLimiter::make(permitsPerSecond);
     }
-    return ClientCore::make(std::move(limiter), maxConnections, maxRetries, Logger(kLoggerLabel));
+    // Every standard client logs through a logger of this label.
+    return ClientCore::make(std::move(limiter), maxConnections, maxRetries,
+                            Logger("org.pellorin.transport.upload"));
 }
 
 std::string PellorinClient::bundle() {
@@ -66,23 +61,9 @@ ClientCore::ClientCore(Passkey, std::shared_ptr<RateLimiter> rateLimiter, uint8_
       maxConnections_(maxConnections),
       maxRetries_(maxRetries),
       aggregateThroughput_(std::make_shared<ThroughputMonitor>()),
-      completionSemaphore_(std::make_unique<Semaphore>(0)),
-      maxConnectionsSemaphore_(std::make_unique<Semaphore>(maxConnections)),
+      maxConnectionsSemaphore_(maxConnections),
       delegateQueue_(SerialQueue::make("Delegate Queue")),
       schedulingQueue_(SerialQueue::make("Retry Processing Queue")) {}
-
-ClientCore::~ClientCore() {
-    completionSemaphore_.reset();
-    maxConnectionsSemaphore_.reset();
-}
-
-PellorinClient::SessionConfigurationSupplier ClientCore::sessionConfigurationSupplier() const {
-    return sessionConfigurationSupplier_;
-}
-
-void ClientCore::setSessionConfigurationSupplier(SessionConfigurationSupplier supplier) {
-    sessionConfigurationSupplier_ = std::move(supplier);
-}
 
 void ClientCore::addDelegate(const std::shared_ptr<PellorinClientDelegate>& delegate,
                              std::shared_ptr<SerialQueue> queue) {
@@ -125,10 +106,10 @@ void ClientCore::notifyDelegates(
 }
 
 void ClientCore::signalCompletionIfIdle(bool idle) {
-    if (!idle || !completionSemaphore_) {
-        return;  // something is left, or the client is being torn down
+    if (!idle) {
+        return;
     }
-    const long woke = completionSemaphore_->signal();
+    const long woke = completionSemaphore_.signal();
     logger_.trace([&] {
         return "completionSemaphore value at didCompleteWithError, count: " + std::to_string(woke);
     });
@@ -140,10 +121,7 @@ int32_t ClientCore::waitUntilFinished() {
     }
     submitProcessWaitQueue();
     logger_.trace([] { return std::string("waitUntilFinished... 1"); });
-    if (!completionSemaphore_) {
-        fatalError("completionSemaphore is gone while waiting for the transfer to finish");
-    }
-    completionSemaphore_->wait();
+    completionSemaphore_.wait();
     logger_.trace([] { return std::string("after waitUntilFinished... 1"); });
 
     // The final notification runs on the delegate queue, ordered after every session callback.
@@ -186,9 +164,7 @@ void ClientCore::invalidateAndCancel() {
         for (const auto& part : cancellation.waiting) {
             self->failPart(part, PellorinError::cancelledByUser());
         }
-        if (self->maxConnectionsSemaphore_) {
-            self->maxConnectionsSemaphore_->signal();
-        }
+        self->maxConnectionsSemaphore_.signal();
         // With nothing in flight no session will end to wake waitUntilFinished: wake it here.
         self->signalCompletionIfIdle(self->scheduler_.isIdle());
     });

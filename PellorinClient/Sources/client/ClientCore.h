@@ -16,17 +16,14 @@
 #pragma once
 
 #include <atomic>
-#include <chrono>
 #include <cstdint>
 #include <functional>
 #include <map>
 #include <memory>
-#include <optional>
 #include <string>
 #include <vector>
 
 #include <pellorin/PellorinClient.h>
-#include <pellorin/PellorinError.h>
 #include <pellorin/ThroughputMonitor.h>
 
 #include "Platform/Semaphore.h"
@@ -36,7 +33,6 @@
 namespace pellorin {
 
 class FilePartRequestDelegate;
-class FilePartInputStream;
 class RateLimiter;
 class SharedFile;
 
@@ -51,15 +47,17 @@ class ClientCore final : public PellorinClient {
     static std::shared_ptr<ClientCore> make(std::shared_ptr<RateLimiter> rateLimiter,
                                             uint8_t maxConnections, uint8_t maxRetries,
                                             Logger logger);
-    // Every PellorinClient is a ClientCore.
-    static ClientCore& of(PellorinClient& client);
+    static ClientCore& of(PellorinClient& client);  // every PellorinClient is one
 
     ClientCore(Passkey, std::shared_ptr<RateLimiter> rateLimiter, uint8_t maxConnections,
                uint8_t maxRetries, Logger logger);
-    ~ClientCore() override;
 
-    SessionConfigurationSupplier sessionConfigurationSupplier() const override;
-    void setSessionConfigurationSupplier(SessionConfigurationSupplier supplier) override;
+    SessionConfigurationSupplier sessionConfigurationSupplier() const override {
+        return sessionConfigurationSupplier_;
+    }
+    void setSessionConfigurationSupplier(SessionConfigurationSupplier supplier) override {
+        sessionConfigurationSupplier_ = std::move(supplier);
+    }
     void addDelegate(const std::shared_ptr<PellorinClientDelegate>& delegate,
                      std::shared_ptr<SerialQueue> queue) override;
     void removeDelegate(const std::shared_ptr<PellorinClientDelegate>& delegate) override;
@@ -82,28 +80,8 @@ class ClientCore final : public PellorinClient {
     // file's first part (which streams unthrottled; later parts share the limiter). No stream
     // when the file cannot be opened: the part has then failed. Delegate queue only.
     std::shared_ptr<FilePartInputStream> openBody(const std::shared_ptr<FilePartRequest>& part);
-    // Reports a started attempt, or body progress. Delegate queue only.
-    void partDidStart(const FilePartRequest& part);
-    void partDidSend(const FilePartRequest& part, int64_t bytesSent, int64_t totalBytesSent);
-    // Decides what the end of an attempt means and carries it out. Delegate queue only.
-    void attemptDidEnd(const std::shared_ptr<FilePartRequest>& part, AttemptEnding ending,
-                       const ThroughputMonitor& throughput);
-    // The attempt's session has ended: frees its connection slot and wakes waitUntilFinished
-    // when nothing is left. Delegate queue only.
-    void attemptDidBecomeInvalid(const FilePartRequestDelegate& attempt);
-    // Fails a part for good: records the error, reports the whole history. Delegate queue only.
-    void failPart(const std::shared_ptr<FilePartRequest>& part, const PellorinError& error);
-
-  private:
     enum class Delivery { asynchronous, synchronous };
-    struct RegisteredDelegate {
-        std::weak_ptr<PellorinClientDelegate> delegate;
-        std::shared_ptr<SerialQueue> queue;  // may be null: called on the delegate queue
-    };
-
-    // Sends one event to every live delegate, pruning released ones first. Delegate queue only.
-    void notifyDelegates(const std::function<void(PellorinClientDelegate&, PellorinClient&)>& event,
-                         Delivery delivery);
+    // Sends `message` to every live delegate through `event`. Delegate queue only.
     template <typename Message>
     void notify(void (PellorinClientDelegate::*event)(PellorinClient&,
                                                       const std::shared_ptr<const Message>&),
@@ -114,6 +92,24 @@ class ClientCore final : public PellorinClient {
             },
             delivery);
     }
+    // Decides what the end of an attempt means and carries it out. Delegate queue only.
+    void attemptDidEnd(const std::shared_ptr<FilePartRequest>& part, AttemptEnding ending,
+                       const ThroughputMonitor& throughput);
+    // The attempt's session has ended: frees its connection slot and wakes waitUntilFinished
+    // when nothing is left. Delegate queue only.
+    void attemptDidBecomeInvalid(const FilePartRequestDelegate& attempt);
+    // Fails a part for good: records the error, reports the whole history. Delegate queue only.
+    void failPart(const std::shared_ptr<FilePartRequest>& part, const PellorinError& error);
+
+  private:
+    struct RegisteredDelegate {
+        std::weak_ptr<PellorinClientDelegate> delegate;
+        std::shared_ptr<SerialQueue> queue;  // may be null: called on the delegate queue
+    };
+
+    // Sends one event to every live delegate, pruning released ones first. Delegate queue only.
+    void notifyDelegates(const std::function<void(PellorinClientDelegate&, PellorinClient&)>& event,
+                         Delivery delivery);
     // Submits processWaitQueue to the scheduling queue. Any thread.
     void submitProcessWaitQueue();
     // The scheduling loop: takes a connection slot (50 ms waits), then the next part. Scheduling
@@ -141,8 +137,8 @@ class ClientCore final : public PellorinClient {
     Scheduler scheduler_;
     std::atomic<int64_t> partsRequested_{0};
     std::atomic<bool> cancelRequested_{false};  // invalidateAndCancel was called
-    std::unique_ptr<Semaphore> completionSemaphore_;
-    std::unique_ptr<Semaphore> maxConnectionsSemaphore_;
+    Semaphore completionSemaphore_{0};
+    Semaphore maxConnectionsSemaphore_;
     const std::shared_ptr<SerialQueue> delegateQueue_;
     const std::shared_ptr<SerialQueue> schedulingQueue_;
 

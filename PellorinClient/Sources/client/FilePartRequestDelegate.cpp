@@ -63,7 +63,11 @@ void FilePartRequestDelegate::urlSessionTaskNeedNewBodyStream(
     }
     body_ = stream;
     completionHandler(std::move(stream));
-    core().partDidStart(*partRequest_);
+    core().notify(
+        &PellorinClientDelegate::pellorinClientDidStartPart,
+        std::make_shared<const PartStartedMessage>(
+            partRequest_->filePath(), partRequest_->partNumber(), partRequest_->retryCount()),
+        ClientCore::Delivery::asynchronous);
 }
 
 void FilePartRequestDelegate::urlSessionTaskDidSendBodyData(HttpSession& /*session*/,
@@ -77,7 +81,11 @@ void FilePartRequestDelegate::urlSessionTaskDidSendBodyData(HttpSession& /*sessi
     }
     throughput_.bytesSentCounter = checkedAdd<uint64_t>(
         throughput_.bytesSentCounter, static_cast<uint64_t>(bytesSent), "bytes sent overflow");
-    core().partDidSend(*partRequest_, bytesSent, totalBytesSent);
+    core().notify(&PellorinClientDelegate::pellorinClientDidReceivePartProgress,
+                  std::make_shared<const PartProgressMessage>(
+                      partRequest_->filePath(), partRequest_->partNumber(), partRequest_->length(),
+                      bytesSent, totalBytesSent),
+                  ClientCore::Delivery::asynchronous);
 }
 
 void FilePartRequestDelegate::urlSessionTaskDidFinishCollectingMetrics(HttpSession& /*session*/,

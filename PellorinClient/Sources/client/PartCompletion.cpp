@@ -6,7 +6,6 @@
 #include "Platform/Fatal.h"
 #include "client/ClientCore.h"
 #include "client/ErrorConversion.h"
-#include "client/FilePartRequestDelegate.h"
 #include "client/Formatting.h"
 #include "datapath/FilePartInputStream.h"
 #include "datapath/MessageDigest.h"
@@ -70,21 +69,6 @@ std::shared_ptr<FilePartInputStream> ClientCore::openBody(
     }
     return filePart(DigestAlgorithm::md5, file, part->partNumber(), part->offset(), part->length(),
                     limiter);
-}
-
-void ClientCore::partDidStart(const FilePartRequest& part) {
-    notify(&PellorinClientDelegate::pellorinClientDidStartPart,
-           std::make_shared<const PartStartedMessage>(part.filePath(), part.partNumber(),
-                                                      part.retryCount()),
-           Delivery::asynchronous);
-}
-
-void ClientCore::partDidSend(const FilePartRequest& part, int64_t bytesSent,
-                             int64_t totalBytesSent) {
-    notify(&PellorinClientDelegate::pellorinClientDidReceivePartProgress,
-           std::make_shared<const PartProgressMessage>(part.filePath(), part.partNumber(),
-                                                       part.length(), bytesSent, totalBytesSent),
-           Delivery::asynchronous);
 }
 
 void ClientCore::attemptDidEnd(const std::shared_ptr<FilePartRequest>& part, AttemptEnding ending,
@@ -168,9 +152,7 @@ void ClientCore::failPart(const std::shared_ptr<FilePartRequest>& part,
 void ClientCore::attemptDidBecomeInvalid(const FilePartRequestDelegate& attempt) {
     assertOnDelegateQueue();
     signalCompletionIfIdle(scheduler_.attemptEnded(attempt));
-    if (maxConnectionsSemaphore_) {
-        maxConnectionsSemaphore_->signal();
-    }
+    maxConnectionsSemaphore_.signal();
 }
 
 }  // namespace pellorin

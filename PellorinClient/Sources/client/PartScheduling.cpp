@@ -22,8 +22,8 @@ void ClientCore::processWaitQueue() {
     assert(schedulingQueue_->isCurrent() && "scheduling queue only");
     logger_.trace([] { return std::string("processWaitQueue starting..."); });
     while (scheduler_.hasWaiting()) {
-        const bool gotSlot = maxConnectionsSemaphore_->waitUntil(
-            std::chrono::system_clock::now() + std::chrono::milliseconds(50));
+        const bool gotSlot = maxConnectionsSemaphore_.waitUntil(std::chrono::system_clock::now() +
+                                                                std::chrono::milliseconds(50));
         std::shared_ptr<FilePartRequest> part;
         if (scheduler_.isCancelled()) {
             break;  // the slot just taken goes with the cancellation
@@ -35,7 +35,7 @@ void ClientCore::processWaitQueue() {
                 startAttempt(part);
                 break;
             case Scheduler::Take::notReady:
-                maxConnectionsSemaphore_->signal();
+                maxConnectionsSemaphore_.signal();
                 break;
             case Scheduler::Take::cancelled:
             case Scheduler::Take::empty:
