@@ -58,7 +58,8 @@ class PELLORIN_EXPORT PellorinClient : public std::enable_shared_from_this<Pello
     // Removes every entry for `delegate` (identity); entries of released delegates stay.
     virtual void removeDelegate(const std::shared_ptr<PellorinClientDelegate>& delegate) = 0;
 
-    // Queues one part. Nothing starts before `waitUntilFinished`. Any thread.
+    // Queues one part. Nothing starts before `waitUntilFinished`. After `invalidateAndCancel`
+    // the part fails with `cancelledByUser`, like the parts that were waiting. Any thread.
     virtual void uploadPartRequest(std::shared_ptr<FilePartRequest> partRequest) = 0;
 
     // Runs the transfer and blocks until every part has completed or failed; returns the exit

@@ -81,6 +81,19 @@ TEST(ClientCancel, InFlightPartsEndCancelledAndWaitingPartsFailInQueueOrderUnsen
     EXPECT_EQ(std::count(messages.begin(), messages.end(), "Upload was previously cancelled."), 1);
 }
 
+TEST(ClientCancel, APartHandedInAfterTheCancellationFailsOnceAndNeverStarts) {
+    Transfer t(1024, 2, 3);
+    t.client->invalidateAndCancel();
+    ClientCore::of(*t.client).delegateQueue()->sync([] {});  // the cancellation has taken effect
+    t.submitParts(1024);
+    EXPECT_EQ(t.run(std::chrono::seconds(10)), 1);
+    EXPECT_TRUE(t.receiver->requests().empty());
+    std::lock_guard lock(t.delegate->mutex);
+    ASSERT_EQ(t.delegate->failed.size(), 1u);
+    EXPECT_EQ(t.delegate->failed[0]->errors().back()->code(), 6);
+    EXPECT_TRUE(t.delegate->started.empty());
+}
+
 TEST(ClientCancel, CancellingBeforeAnythingStartedStillLetsTheWaitReturn) {
     Transfer t(4 * 1024, 2, 3);
     t.submitParts(1024);

@@ -9,8 +9,16 @@
 namespace pellorin {
 
 void ClientCore::uploadPartRequest(std::shared_ptr<FilePartRequest> partRequest) {
-    scheduler_.enqueue(std::chrono::system_clock::now(), std::move(partRequest));
     ++partsRequested_;
+    if (scheduler_.enqueue(std::chrono::system_clock::now(), partRequest)) {
+        return;
+    }
+    // Handed in after the cancellation took effect: it fails like the parts that were waiting.
+    std::shared_ptr<ClientCore> self = std::static_pointer_cast<ClientCore>(shared_from_this());
+    delegateQueue_->async([self, part = std::move(partRequest)] {
+        self->failPart(part, PellorinError::cancelledByUser());
+        self->signalCompletionIfIdle(self->scheduler_.isIdle());
+    });
 }
 
 void ClientCore::submitProcessWaitQueue() {
