@@ -53,6 +53,10 @@ TEST(AttemptDecision, EveryKindOfEndingHasItsOutcome) {
     spentByServer.retryCount = 3;
     AttemptEnding noBudget = answer(500);
     noBudget.maxRetries = 0;
+    AttemptEnding cutShort = answer(200, ChecksumStatus::matched());
+    cutShort.bytesSent = 10;
+    cutShort.length = 20;
+    const auto shortError = PellorinError::error("the answer came after 10 of 20 body bytes");
 
     const Row rows[] = {
         {"200, checksum equal",
@@ -65,6 +69,8 @@ TEST(AttemptDecision, EveryKindOfEndingHasItsOutcome) {
          Decision::Complete{"abc"},
          {},
          0},
+        {"200 before the whole body went out", cutShort, Decision::Retry{{}, shortError},
+         shortError, 1},
         {"200, no checksum", answer(200), Decision::Fail{PellorinError::noRemoteChecksum()}, {}, 0},
         {"200, checksum different", answer(200, mismatch), Decision::Retry{{}, mismatchError},
          mismatchError, 1},

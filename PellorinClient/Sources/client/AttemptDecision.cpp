@@ -60,6 +60,14 @@ AttemptDecision decideTransportError(const AttemptEnding& ending, const Platform
 }
 
 AttemptDecision decideAccepted(const AttemptEnding& ending) {
+    // Whatever the checksum says, an answer to a body not wholly sent does not cover the part.
+    if (ending.bytesSent != ending.length) {
+        return retry(
+            ending, std::nullopt,
+            PellorinError::error("the answer came after " + std::to_string(ending.bytesSent) +
+                                 " of " + std::to_string(ending.length) + " body bytes"),
+            true);
+    }
     if (!ending.remoteChecksum || !ending.checksum) {
         return fail(ending, PellorinError::noRemoteChecksum());
     }

@@ -23,6 +23,8 @@ struct AttemptEnding {
     std::optional<std::string> retryAfter;  // the answer's "Retry-After" header
     std::optional<std::string> remoteChecksum;  // from remoteChecksum(answer)
     std::optional<ChecksumStatus> checksum;     // the body stream's verdict on remoteChecksum
+    uint64_t bytesSent = 0;                     // body bytes the transport sent
+    uint64_t length = 0;                        // the part's length
     bool cancelled = false;                     // the client is being cancelled
     size_t retryCount = 0;                      // the part's retries so far
     uint8_t maxRetries = 0;

@@ -77,6 +77,8 @@ void ClientCore::attemptDidEnd(const std::shared_ptr<FilePartRequest>& part, Att
     ending.cancelled = scheduler_.isCancelled();
     ending.retryCount = part->retryCount();
     ending.maxRetries = maxRetries_;
+    ending.bytesSent = throughput.bytesSentCounter;
+    ending.length = part->length();
     const AttemptDecision decision = decideAttempt(ending);
     if (decision.warning) {
         logger_.warning([&] { return *decision.warning; });
