@@ -36,8 +36,7 @@ bool sameTable(const PLNClientDelegate& a, const PLNClientDelegate& b) {
            a.didStartPart == b.didStartPart &&
            a.didReceivePartProgress == b.didReceivePartProgress &&
            a.willRetryPart == b.willRetryPart && a.partDidComplete == b.partDidComplete &&
-           a.partDidFail == b.partDidFail &&
-           a.didReceiveFileProgress == b.didReceiveFileProgress &&
+           a.partDidFail == b.partDidFail && a.didReceiveFileProgress == b.didReceiveFileProgress &&
            a.didFinishWithStatus == b.didFinishWithStatus;
 }
 
@@ -210,6 +209,10 @@ const char* PLNLastError(void) {
     return lastError();
 }
 
+int32_t PLNLastErrorCode(void) {
+    return lastErrorCode();
+}
+
 const char* PLNPellorinClient_bundle(void) {
     static const std::string bundle = pellorin::PellorinClient::bundle();
     return bundle.c_str();
@@ -275,17 +278,15 @@ int32_t PLNPellorinClient_removeDelegate(PLNPellorinClient* client,
 
 int32_t PLNPellorinClient_setCAFile(PLNPellorinClient* client, const char* path) {
     return configure(client, [&](pellorin::SessionConfiguration& configuration) {
-        configuration.caFile = path != nullptr
-                                   ? std::optional(checkedPath(path, "CA file", false))
-                                   : std::nullopt;
+        configuration.caFile =
+            path != nullptr ? std::optional(checkedPath(path, "CA file", false)) : std::nullopt;
     });
 }
 
 int32_t PLNPellorinClient_setCADirectory(PLNPellorinClient* client, const char* path) {
     return configure(client, [&](pellorin::SessionConfiguration& configuration) {
-        configuration.caDirectory = path != nullptr
-                                        ? std::optional(checkedPath(path, "CA folder", true))
-                                        : std::nullopt;
+        configuration.caDirectory =
+            path != nullptr ? std::optional(checkedPath(path, "CA folder", true)) : std::nullopt;
     });
 }
 
@@ -321,8 +322,7 @@ int32_t PLNPellorinClient_setIdleTimeout(PLNPellorinClient* client, double secon
 int32_t PLNPellorinClient_setMinimumTLSVersion(PLNPellorinClient* client, int32_t version) {
     return configure(client, [&](pellorin::SessionConfiguration& configuration) {
         if (version < 0x0301 || version > 0x0304) {
-            invalidArgument("TLS version must be 0x0301 to 0x0304, not " +
-                            std::to_string(version));
+            invalidArgument("TLS version must be 0x0301 to 0x0304, not " + std::to_string(version));
         }
         configuration.minimumTLSVersion = static_cast<pellorin::TLSVersion>(version);
     });

@@ -68,13 +68,12 @@ class ForwardingLogHandler final : public pellorin::LogHandler {
   public:
     explicit ForwardingLogHandler(std::string label) : label_(std::move(label)) {}
 
-    void log(Logger::Level level, const Logger::Message& message,
-             const Logger::Metadata* metadata, std::string_view, std::string_view,
-             std::string_view, std::size_t) const override {
+    void log(Logger::Level level, const Logger::Message& message, const Logger::Metadata* metadata,
+             std::string_view, std::string_view, std::string_view, std::size_t) const override {
         Logger::Metadata merged = metadata != nullptr ? *metadata : Logger::Metadata{};
         merged.insert(metadata_.begin(), metadata_.end());  // the call's values win
-        std::string line = timestamp() + " " + std::string(pellorin::toString(level)) + " " +
-                           label_ + " :";
+        std::string line =
+            timestamp() + " " + std::string(pellorin::toString(level)) + " " + label_ + " :";
         if (!merged.empty()) {
             line += " " + prettify(merged);
         }
@@ -83,26 +82,24 @@ class ForwardingLogHandler final : public pellorin::LogHandler {
         Sink& target = sink();
         std::shared_lock lock(target.mutex);
         switch (target.destination) {
-        case Destination::standardOutput:
-            pellorin::StdioOutputStream::standardOutput().write(line + "\n");
-            break;
-        case Destination::standardError:
-            pellorin::StdioOutputStream::standardError().write(line + "\n");
-            break;
-        case Destination::nothing:
-            break;
-        case Destination::callback:
-            inLogCallback = true;
-            target.callback(target.context, static_cast<int32_t>(level), line.c_str());
-            inLogCallback = false;
-            break;
+            case Destination::standardOutput:
+                pellorin::StdioOutputStream::standardOutput().write(line + "\n");
+                break;
+            case Destination::standardError:
+                pellorin::StdioOutputStream::standardError().write(line + "\n");
+                break;
+            case Destination::nothing:
+                break;
+            case Destination::callback:
+                inLogCallback = true;
+                target.callback(target.context, static_cast<int32_t>(level), line.c_str());
+                inLogCallback = false;
+                break;
         }
     }
     Logger::Metadata metadata() const override { return metadata_; }
     void setMetadata(Logger::Metadata metadata) override { metadata_ = std::move(metadata); }
-    Logger::Level logLevel() const override {
-        return ownLevel_.value_or(sink().level.load());
-    }
+    Logger::Level logLevel() const override { return ownLevel_.value_or(sink().level.load()); }
     void setLogLevel(Logger::Level level) override { ownLevel_ = level; }
     std::unique_ptr<LogHandler> clone() const override {
         return std::make_unique<ForwardingLogHandler>(*this);
@@ -114,6 +111,15 @@ class ForwardingLogHandler final : public pellorin::LogHandler {
     std::optional<Logger::Level> ownLevel_;
 };
 
+// Makes every logger made from now on a forwarding one. Once per process.
+void bootstrapOnce() {
+    static std::once_flag bootstrapped;
+    std::call_once(bootstrapped, [] {
+        pellorin::LoggingSystem::bootstrap(
+            [](const std::string& label) { return std::make_unique<ForwardingLogHandler>(label); });
+    });
+}
+
 // Bootstraps the logging system once, then applies `change` to the sink.
 template <typename Change>
 int32_t changeSink(Change change) {
@@ -121,12 +127,7 @@ int32_t changeSink(Change change) {
         if (inLogCallback) {
             wrongState("logging cannot be changed from inside a log callback");
         }
-        static std::once_flag bootstrapped;
-        std::call_once(bootstrapped, [] {
-            pellorin::LoggingSystem::bootstrap([](const std::string& label) {
-                return std::make_unique<ForwardingLogHandler>(label);
-            });
-        });
+        bootstrapOnce();
         Sink& target = sink();
         std::unique_lock lock(target.mutex);
         change(target);
@@ -159,9 +160,10 @@ int32_t PLNLogging_setCallback(PLNLogCallback callback, void* context) {
 int32_t PLNLogging_setDestination(int32_t destination) {
     if (destination < PLN_LOG_TO_STANDARD_OUTPUT || destination > PLN_LOG_TO_NOTHING) {
         return guardedStatus([&]() -> int32_t {
-            invalidArgument("log destination must be PLN_LOG_TO_STANDARD_OUTPUT, "
-                            "PLN_LOG_TO_STANDARD_ERROR or PLN_LOG_TO_NOTHING, not " +
-                            std::to_string(destination));
+            invalidArgument(
+                "log destination must be PLN_LOG_TO_STANDARD_OUTPUT, "
+                "PLN_LOG_TO_STANDARD_ERROR or PLN_LOG_TO_NOTHING, not " +
+                std::to_string(destination));
         });
     }
     return changeSink([&](Sink& target) {

@@ -2,6 +2,7 @@
 // parts, and the test-reservation call bounded in time.
 #include <pellorin/pellorin.h>
 
+#include <unistd.h>
 #include <algorithm>
 #include <array>
 #include <atomic>
@@ -17,7 +18,6 @@
 #include <sstream>
 #include <string>
 #include <thread>
-#include <unistd.h>
 #include <vector>
 
 #include <pellorin/Reservation.h>
@@ -80,9 +80,9 @@ std::shared_ptr<pellorin::FilePartRequest> checkedPart(const pellorin::Operation
     if (operation.uri.scheme() != "http" && operation.uri.scheme() != "https") {
         invalidArgument(at + ".operation.uri: must be an http or https URL");
     }
-    for (const auto& [field, value] : {std::pair{"partNumber", operation.partNumber},
-                                       std::pair{"offset", operation.offset},
-                                       std::pair{"length", operation.length}}) {
+    for (const auto& [field, value] :
+         {std::pair{"partNumber", operation.partNumber}, std::pair{"offset", operation.offset},
+          std::pair{"length", operation.length}}) {
         if (value < 0) {
             invalidArgument(at + ".operation." + field + ": must not be negative, found " +
                             std::to_string(value));
@@ -185,8 +185,7 @@ int32_t PLNReservation_createTestFile(const char* reservationFile, const char* f
         std::thread([call, pending, file, user, secret, lumoProvider, url = *url] {
             std::optional<std::string> failure;
             try {
-                pellorin::createTestReservationFile(pending, file, user, secret, lumoProvider,
-                                                    url);
+                pellorin::createTestReservationFile(pending, file, user, secret, lumoProvider, url);
             } catch (const pellorin::PellorinError& e) {
                 failure = e.description();
             } catch (const std::exception& e) {
@@ -208,9 +207,8 @@ int32_t PLNReservation_createTestFile(const char* reservationFile, const char* f
         const auto limit = std::chrono::duration<double>(timeoutSeconds);
         if (!call->changed.wait_for(lock, limit, [&] { return call->done; })) {
             call->abandoned = true;
-            throw CError(PLN_ERROR_TIMEOUT, "no answer from " + url->absoluteString() +
-                                                " within " + std::to_string(timeoutSeconds) +
-                                                " s");
+            throw CError(PLN_ERROR_TIMEOUT, "no answer from " + url->absoluteString() + " within " +
+                                                std::to_string(timeoutSeconds) + " s");
         }
         if (call->failure) {
             throw CError(PLN_ERROR_IO, *call->failure);

@@ -5,11 +5,17 @@
 namespace pellorin::bindings {
 
 namespace {
+thread_local int32_t lastErrorValue = PLN_OK;
 thread_local std::string lastErrorText;
 }  // namespace
 
-void setLastError(std::string message) {
+void setLastError(int32_t code, std::string message) {
+    lastErrorValue = code;
     lastErrorText = std::move(message);
+}
+
+int32_t lastErrorCode() {
+    return lastErrorValue;
 }
 
 const char* lastError() {

@@ -29,8 +29,9 @@ class CError : public std::runtime_error {
     throw CError(PLN_ERROR_STATE, message);
 }
 
-// The calling thread's last error text. Any thread.
-void setLastError(std::string message);
+// The calling thread's last error: its PLN_ERROR_* code (PLN_OK after a success) and text.
+void setLastError(int32_t code, std::string message);
+int32_t lastErrorCode();
 const char* lastError();
 
 // `value`, or an invalid-argument error naming `name` when it is NULL.
@@ -53,29 +54,31 @@ inline const char* requiredText(const char* value, const char* name) {
 template <typename Body>
 int32_t guardedStatus(Body body) noexcept {
     try {
-        setLastError({});
+        setLastError(PLN_OK, {});
         return body();
     } catch (const CError& error) {
-        setLastError(error.what());
+        setLastError(error.code(), error.what());
         return error.code();
     } catch (const std::exception& error) {
-        setLastError(error.what());
+        setLastError(PLN_ERROR_INTERNAL, error.what());
     } catch (...) {
-        setLastError("unknown error");
+        setLastError(PLN_ERROR_INTERNAL, "unknown error");
     }
     return PLN_ERROR_INTERNAL;
 }
 
-// Runs `body`, which returns a pointer; an exception becomes NULL and the error text.
+// Runs `body`, which returns a pointer; an exception becomes NULL and the last error.
 template <typename Body>
 auto guardedPointer(Body body) noexcept -> decltype(body()) {
     try {
-        setLastError({});
+        setLastError(PLN_OK, {});
         return body();
+    } catch (const CError& error) {
+        setLastError(error.code(), error.what());
     } catch (const std::exception& error) {
-        setLastError(error.what());
+        setLastError(PLN_ERROR_INTERNAL, error.what());
     } catch (...) {
-        setLastError("unknown error");
+        setLastError(PLN_ERROR_INTERNAL, "unknown error");
     }
     return nullptr;
 }

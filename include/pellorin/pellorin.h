@@ -89,6 +89,8 @@ typedef struct PLNClientDelegate {
 /* Why the last call on this thread failed; "" after a call that succeeded. Valid until the next
  * call on this thread. */
 PELLORIN_EXPORT const char* PLNLastError(void);
+/* The PLN_ERROR_* code of that call (PLN_OK after a success): what a NULL result meant. */
+PELLORIN_EXPORT int32_t PLNLastErrorCode(void);
 
 /* The library's bundle identifier and its version ("" when unknown). Static strings. */
 PELLORIN_EXPORT const char* PLNPellorinClient_bundle(void);
@@ -128,8 +130,7 @@ PELLORIN_EXPORT int32_t PLNPellorinClient_setHttpVersion(PLNPellorinClient* clie
                                                          int32_t version);
 /* Idle time-out in seconds (finite, above 0; default 60): an attempt fails as timed out when no
  * byte has moved for this long. */
-PELLORIN_EXPORT int32_t PLNPellorinClient_setIdleTimeout(PLNPellorinClient* client,
-                                                         double seconds);
+PELLORIN_EXPORT int32_t PLNPellorinClient_setIdleTimeout(PLNPellorinClient* client, double seconds);
 /* Lowest TLS version accepted, as on the wire: 0x0301 (1.0) to 0x0304 (1.3); default 0x0303. */
 PELLORIN_EXPORT int32_t PLNPellorinClient_setMinimumTLSVersion(PLNPellorinClient* client,
                                                                int32_t version);
@@ -203,8 +204,7 @@ PELLORIN_EXPORT void PLNReservationFile_release(PLNReservationFile* reservation)
 PELLORIN_EXPORT int32_t PLNReservation_createTestFile(const char* reservationFile,
                                                       const char* filePath, const char* username,
                                                       const char* password, const char* provider,
-                                                      const char* endpoint,
-                                                      double timeoutSeconds);
+                                                      const char* endpoint, double timeoutSeconds);
 /* The endpoint of reservation service instance `instance`. A string that lives as long as the
  * process. */
 PELLORIN_EXPORT const char* PLNReservation_serviceEndpoint(uint8_t instance);

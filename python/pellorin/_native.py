@@ -62,6 +62,7 @@ def _declare(lib):
     client, part, reservation = c.c_void_p, c.c_void_p, c.c_void_p
     signatures = {
         "PLNLastError": (c.c_char_p, []),
+        "PLNLastErrorCode": (c.c_int32, []),
         "PLNPellorinClient_bundle": (c.c_char_p, []),
         "PLNPellorinClient_versionString": (c.c_char_p, []),
         "PLNPellorinClient_standardClient": (client, [c.POINTER(c.c_uint64), c.c_uint8,

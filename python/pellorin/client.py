@@ -33,6 +33,17 @@ def _text(value) -> Optional[bytes]:
         else value.encode() if isinstance(value, str) else value
 
 
+def _uninterrupted(step: Callable[[], bool]) -> None:
+    """Calls step() until it returns True, going on through further Ctrl-C presses: the
+    cancellation they ask for is already under way."""
+    while True:
+        try:
+            if step():
+                return
+        except KeyboardInterrupt:
+            pass
+
+
 class Part:
     """One part of an upload: bytes [offset, offset + length) of `file_path`, sent to `url`.
     Raises InvalidArgumentError (a ValueError) for an empty path or method, or a URL that is not
@@ -102,8 +113,7 @@ def split_file(file_path, part_size: int, url_for: Callable[[int, int, int], str
 def read_reservation(path) -> List[Part]:
     """The parts of a reservation file, checked (method, http/https URL, no negative number).
     Raises InvalidArgumentError naming the JSON place of a fault, FileError when unreadable."""
-    handle = check_pointer(lib.PLNReservationFile_read(_text(os.fspath(path))),
-                           _native.ERROR_INVALID_ARGUMENT)
+    handle = check_pointer(lib.PLNReservationFile_read(_text(os.fspath(path))))
     try:
         return [Part(None, 0, 0, 0, "", _handle=check_pointer(
             lib.PLNReservationFile_partRequest(handle, i)))
@@ -219,20 +229,23 @@ class Client:
         cancels the transfer and re-raises KeyboardInterrupt once it has wound down."""
         handle = self._live()
         result: List[int] = []
-        worker = threading.Thread(
-            target=lambda: result.append(lib.PLNPellorinClient_waitUntilFinished(handle)),
-            name="pellorin-wait", daemon=True)
-        worker.start()
+        done = threading.Event()
+
+        def run():
+            try:
+                result.append(lib.PLNPellorinClient_waitUntilFinished(handle))
+            finally:
+                done.set()
+
+        # The wait runs on a worker so that this thread stays free to see Ctrl-C. An Event, not
+        # Thread.join: a join interrupted by Ctrl-C may take a running thread for ended.
+        threading.Thread(target=run, name="pellorin-wait", daemon=True).start()
         try:
-            while worker.is_alive():
-                worker.join(_POLL_SECONDS)
+            while not done.wait(_POLL_SECONDS):
+                pass
         except KeyboardInterrupt:
             self.cancel()
-            while worker.is_alive():
-                try:
-                    worker.join(_POLL_SECONDS)
-                except KeyboardInterrupt:
-                    pass  # already cancelling
+            _uninterrupted(lambda: done.wait(_POLL_SECONDS))
             raise
         return check(result[0])
 
@@ -249,8 +262,7 @@ class Client:
                 outcome.append(error)
             mailbox.put(None)
 
-        runner = threading.Thread(target=run, name="pellorin-events", daemon=True)
-        runner.start()
+        threading.Thread(target=run, name="pellorin-events", daemon=True).start()
         try:
             while True:
                 try:
@@ -262,7 +274,13 @@ class Client:
                 yield event
         except (KeyboardInterrupt, GeneratorExit):
             self.cancel()
-            runner.join()
+
+            def drained():  # the transfer's last events, up to the end mark
+                try:
+                    return mailbox.get(timeout=_POLL_SECONDS) is None
+                except queue.Empty:
+                    return False
+            _uninterrupted(drained)
             raise
         finally:
             self.remove_listener(mailbox.put)

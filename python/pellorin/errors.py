@@ -48,8 +48,8 @@ def check(code: int) -> int:
     return code
 
 
-def check_pointer(pointer, code: int = _native.ERROR_INVALID_ARGUMENT):
-    """`pointer` when it is not NULL; raises with the library's message otherwise."""
+def check_pointer(pointer):
+    """`pointer` when it is not NULL; raises with the library's code and message otherwise."""
     if not pointer:
-        raise last_error(code)
+        raise last_error(_native.lib.PLNLastErrorCode())
     return pointer
