@@ -24,12 +24,12 @@
  * strings handed to callbacks are valid only during the call; strings returned by getters live
  * as long as the object they were read from.
  *
- * Threads: every function may be called from any thread, and calls on one client are serialised
- * inside it, with these exceptions. PLNPellorinClient_release must not run at the same time as,
- * or before, any other call on that client. Callbacks run on the client's delegate queue, one at
- * a time; from inside one of them, PLNPellorinClient_waitUntilFinished, _release, _addDelegate
- * and _removeDelegate of the same client are refused with PLN_ERROR_STATE (they would wait for
- * the callback itself), and PLNPellorinClient_invalidateAndCancel is allowed. */
+ * Threads: every function may be called from any thread, also on one client from several threads
+ * at once, with one exception: no call on a client may overlap or follow its
+ * PLNPellorinClient_release. Callbacks run on the client's delegate queue, one at a time, and
+ * must not block it; from inside one of them, PLNPellorinClient_waitUntilFinished, _release,
+ * _addDelegate and _removeDelegate of the same client are refused with PLN_ERROR_STATE (they
+ * would wait for the callback itself), while PLNPellorinClient_invalidateAndCancel is allowed. */
 #ifndef PELLORIN_PELLORIN_H
 #define PELLORIN_PELLORIN_H
 
