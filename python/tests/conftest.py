@@ -13,6 +13,8 @@ import pytest
 
 HERE = os.path.dirname(os.path.abspath(__file__))
 sys.path.insert(0, os.path.dirname(HERE))  # the package under test, not an installed one
+# nginx and tinyproxy, started by the tests (tests/support/thirdparty.py).
+sys.path.insert(0, os.path.join(os.path.dirname(os.path.dirname(HERE)), "tests", "support"))
 
 
 class Receiver:

@@ -1,6 +1,6 @@
-"""The Python module against the receiver: a transfer with typed events, Ctrl-C cancelling within
-a second, the library's refusals as exceptions, and the library's log lines silenced or
-redirected."""
+"""The Python module against the receiver: a transfer with typed events, the session settings
+in effect through nginx and tinyproxy, Ctrl-C cancelling within a second, the library's refusals
+as exceptions, and the library's log lines silenced or redirected."""
 
 import hashlib
 import json
@@ -12,6 +12,7 @@ import time
 import pytest
 
 import pellorin
+import thirdparty
 from conftest import run_script
 
 
@@ -52,6 +53,37 @@ def test_upload_delivers_typed_events(receiver, tmp_path):
     assert [e.part_number for e in failed] == [2] and failed[0].errors
     assert all(isinstance(e, pellorin.ErrorInfo) for e in failed[0].errors)
     assert iterated[-1].status == 1
+
+
+def test_session_settings_reach_the_connection(receiver, tmp_path):
+    """Trust comes from the CA file (without it the TLS front end is refused), HTTP/2 is spoken
+    when asked for, and parts go through the proxy when one is set."""
+    source = random_file(tmp_path / "source.bin", 96 * 1024)
+    try:
+        tls_front = thirdparty.nginx(receiver.base.split("//")[1], tmp_path / "nginx", http2=True)
+        forward = thirdparty.forward_proxy(tmp_path / "proxy")
+        with tls_front as tls, forward as proxy:
+            cases = [  # (settings, server, name, status)
+                ({"ca_file": tls.ca_file, "http_version": pellorin.HTTP_2}, tls.url, "h2", 0),
+                ({}, tls.url, "untrusted", 1),
+                ({"ca_file": tls.ca_file, "proxy": proxy.url}, tls.url, "tunnelled", 0),
+                ({"proxy": proxy.url, "idle_timeout": 5}, receiver.base, "forwarded", 0),
+            ]
+            for settings, server, name, status in cases:
+                with pellorin.Client(max_retries=0, **settings) as client:
+                    client.upload_all(pellorin.split_file(
+                        source, 64 * 1024,
+                        lambda n, offset, length: f"{server}/upload/{name}?offset={offset}"))
+                    assert client.wait() == status, name
+                if status == 0:
+                    assert digest(receiver.directory / name) == digest(source)
+    except thirdparty.Unavailable as missing:
+        pytest.skip(str(missing))
+    access = (tmp_path / "nginx" / "nginx-access.log").read_text()
+    assert "/upload/h2?offset=65536 HTTP/2.0" in access
+    assert "/upload/tunnelled?offset=65536 HTTP/1.1" in access
+    proxied = (tmp_path / "proxy" / "tinyproxy.log").read_text()
+    assert "/upload/forwarded?offset=0" in proxied and "CONNECT" in proxied
 
 
 CTRL_C_SCRIPT = """
