@@ -15,7 +15,7 @@ from ._native import lib as _lib
 from .client import (HTTP_1_1, HTTP_2, Client, Part, create_test_reservation, read_reservation,
                      service_endpoint, split_file)
 from .errors import (FileError, InvalidArgumentError, PellorinError, StateError,
-                     TimeoutError_)
+                     NoAnswerError)
 from .events import (ErrorInfo, FileProgress, Finished, LogMessage, PartCompleted, PartFailed,
                      PartProgress, PartRetry, PartStarted)
 
@@ -24,7 +24,7 @@ __version__ = (_lib.PLNPellorinClient_versionString() or b"").decode() or "unkno
 __all__ = [
     "Client", "Part", "split_file", "read_reservation", "create_test_reservation",
     "service_endpoint", "HTTP_1_1", "HTTP_2", "logs",
-    "PellorinError", "InvalidArgumentError", "StateError", "FileError", "TimeoutError_",
+    "PellorinError", "InvalidArgumentError", "StateError", "FileError", "NoAnswerError",
     "ErrorInfo", "LogMessage", "PartStarted", "PartProgress", "PartRetry", "PartCompleted",
     "PartFailed", "FileProgress", "Finished",
 ]

@@ -127,7 +127,7 @@ def create_test_reservation(reservation_file, file_path, username: str, password
                             timeout: float = 30.0) -> None:
     """Asks the reservation service at `endpoint` for test upload operations for `file_path` and
     writes them to `reservation_file`. The request, password included, is printed to standard
-    output. Raises TimeoutError_ after `timeout` seconds without an answer."""
+    output. Raises NoAnswerError after `timeout` seconds without an answer."""
     check(lib.PLNReservation_createTestFile(
         _text(os.fspath(reservation_file)), _text(os.fspath(file_path)), _text(username),
         _text(password), _text(provider), _text(endpoint), float(timeout)))

@@ -23,7 +23,7 @@ class FileError(PellorinError, OSError):
     """A file could not be read or written."""
 
 
-class TimeoutError_(PellorinError, TimeoutError):
+class NoAnswerError(PellorinError, TimeoutError):
     """No answer in the time given."""
 
 
@@ -31,7 +31,7 @@ _BY_CODE = {
     _native.ERROR_INVALID_ARGUMENT: InvalidArgumentError,
     _native.ERROR_STATE: StateError,
     _native.ERROR_IO: FileError,
-    _native.ERROR_TIMEOUT: TimeoutError_,
+    _native.ERROR_TIMEOUT: NoAnswerError,
 }
 
 
