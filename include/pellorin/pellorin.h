@@ -200,7 +200,8 @@ PELLORIN_EXPORT void PLNReservationFile_release(PLNReservationFile* reservation)
  * output private. Blocks for at most `timeoutSeconds` (above 0): PLN_ERROR_TIMEOUT when no
  * usable answer came by then (the request is then abandoned on a library thread). PLN_ERROR_IO
  * when `filePath` cannot be read or the answer could not be turned into a reservation file, which
- * is then left as it was. */
+ * is then left as it was. For tests and tools: an answer that cannot be decoded and is not UTF-8
+ * text still stops the process. */
 PELLORIN_EXPORT int32_t PLNReservation_createTestFile(const char* reservationFile,
                                                       const char* filePath, const char* username,
                                                       const char* password, const char* provider,
