@@ -88,7 +88,6 @@ class SharedFile {
     // taken at creation: the same device, inode, size, modification and change times. Any
     // thread; two system calls, no lock.
     void checkUnchanged() const;
-    const FileIdentity& identity() const { return identity_; }
 
     int fd() const { return fd_; }
     const std::string& filePath() const { return filePath_; }
