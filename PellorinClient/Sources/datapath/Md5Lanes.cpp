@@ -16,13 +16,15 @@ namespace {
 constexpr size_t kBlock = 64;
 constexpr size_t kWidest = 16;
 
-// Aggregate speed of each kernel with every lane busy, relative to OpenSSL on one stream,
-// measured on one core (bench_md5_lanes): the scalar kernel by how many streams it
-// interleaves (index 1-4), the SIMD kernels at full width. A SIMD kernel with k of its w
-// lanes busy does k/w of that work in the same time.
-constexpr double kScalarSpeed[5] = {0.0, 0.80, 1.45, 1.95, 2.35};
-constexpr double kAvx2Speed = 2.70;
-constexpr double kAvx512Speed = 6.20;
+// What one kernel run costs per block, in units of OpenSSL hashing one block of one stream,
+// measured on one core (bench_md5_lanes, AMD EPYC with AVX-512): the scalar kernel by how many
+// streams it interleaves (index 1-4); a SIMD kernel costs the same however many of its lanes
+// are busy (its full-width figure is used; runs with idle lanes are a little cheaper).
+constexpr double kScalarRunCost[5] = {0.0, 1.15, 1.16, 1.43, 1.63};
+constexpr double kAvx2RunCost = 1.66;    // 8 lanes: 4.8 x OpenSSL's rate when full
+constexpr double kAvx512RunCost = 2.02;  // 16 lanes: 7.9 x OpenSSL's rate when full
+// Beyond this many streams the choice is the same as for this many.
+constexpr size_t kPlannedStreams = 64;
 
 bool available(Md5Lanes::Kernel kernel) {
     static const bool avx2 = md5detail::md5CpuHasAvx2();
@@ -162,22 +164,34 @@ std::vector<Md5Lanes::Kernel> Md5Lanes::availableKernels() {
 }
 
 Md5Lanes::Kernel Md5Lanes::kernelFor(size_t streams) {
-    if (streams <= 1) {
-        return Kernel::openssl;
-    }
-    Kernel best = Kernel::openssl;
-    double bestSpeed = 1.0;
-    const auto consider = [&](Kernel kernel, double speed) {
-        if (available(kernel) && speed > bestSpeed) {
-            best = kernel;
-            bestSpeed = speed;
-        }
+    // The cheapest way to take `k` streams one block further is a kernel run over up to its
+    // width of them plus the cheapest way for the rest; the engine runs the first kernel of
+    // that plan and plans again for what is left. (Filling a wide kernel beats a narrow one
+    // full plus a stream left alone: 9 streams take the 16 lanes, not 8 lanes and then one.)
+    struct Plan {
+        std::array<double, kPlannedStreams + 1> cost{};
+        std::array<Kernel, kPlannedStreams + 1> first{};
     };
-    consider(Kernel::scalar, kScalarSpeed[std::min<size_t>(streams, 4)]);
-    consider(Kernel::avx2, kAvx2Speed * static_cast<double>(std::min<size_t>(streams, 8)) / 8);
-    consider(Kernel::avx512,
-             kAvx512Speed * static_cast<double>(std::min<size_t>(streams, 16)) / 16);
-    return best;
+    static const Plan plan = [] {
+        Plan p;
+        for (size_t k = 1; k <= kPlannedStreams; ++k) {
+            p.cost[k] = 1.0 + p.cost[k - 1];
+            p.first[k] = Kernel::openssl;
+            const auto consider = [&](Kernel kernel, size_t width, double runCost) {
+                const size_t taken = std::min(k, width);
+                // Ties go to the wider kernel, so that the streams left alone are the last.
+                if (available(kernel) && runCost + p.cost[k - taken] <= p.cost[k] + 1e-9) {
+                    p.cost[k] = runCost + p.cost[k - taken];
+                    p.first[k] = kernel;
+                }
+            };
+            consider(Kernel::scalar, 4, kScalarRunCost[std::min<size_t>(k, 4)]);
+            consider(Kernel::avx2, 8, kAvx2RunCost);
+            consider(Kernel::avx512, 16, kAvx512RunCost);
+        }
+        return p;
+    }();
+    return plan.first[std::clamp<size_t>(streams, 1, kPlannedStreams)];
 }
 
 bool Md5Lanes::forceKernel(std::optional<Kernel> kernel) {
