@@ -39,14 +39,17 @@ PELLORIN_AVX2 inline __m256i roundFunction(__m256i b, __m256i c, __m256i d) {
 
 template <int kStep>
 PELLORIN_AVX2 inline void step(__m256i (&v)[4], const __m256i (&x)[16]) {
+    // The sum without the round function does not wait for the previous step (see the
+    // AVX-512 kernel).
+    const __m256i early = _mm256_add_epi32(
+        v[roleA(kStep)],
+        _mm256_add_epi32(x[wordIndex(kStep)], _mm256_set1_epi32(static_cast<int>(kAdd[kStep]))));
     const __m256i b = v[roleB(kStep)];
-    __m256i a = _mm256_add_epi32(v[roleA(kStep)],
-                                 roundFunction<kStep / 16>(b, v[roleC(kStep)], v[roleD(kStep)]));
-    a = _mm256_add_epi32(
-        a, _mm256_add_epi32(x[wordIndex(kStep)], _mm256_set1_epi32(static_cast<int>(kAdd[kStep]))));
-    a = _mm256_or_si256(_mm256_slli_epi32(a, rotation(kStep)),
-                        _mm256_srli_epi32(a, 32 - rotation(kStep)));
-    v[roleA(kStep)] = _mm256_add_epi32(b, a);
+    const __m256i a =
+        _mm256_add_epi32(early, roundFunction<kStep / 16>(b, v[roleC(kStep)], v[roleD(kStep)]));
+    const __m256i rotated = _mm256_or_si256(_mm256_slli_epi32(a, rotation(kStep)),
+                                            _mm256_srli_epi32(a, 32 - rotation(kStep)));
+    v[roleA(kStep)] = _mm256_add_epi32(b, rotated);
 }
 
 template <int... kSteps>

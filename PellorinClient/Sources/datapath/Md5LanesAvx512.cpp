@@ -37,13 +37,17 @@ constexpr int kRoundTable[4] = {
 
 template <int kStep>
 PELLORIN_AVX512 inline void step(__m512i (&v)[4], const __m512i (&x)[16]) {
+    // Immediates: named constants, so that unoptimised builds see them as such too.
+    constexpr int kTable = kRoundTable[kStep / 16];
+    constexpr int kRotation = rotation(kStep);
+    // The sum without the round function does not wait for the previous step, so the chain
+    // from one step to the next is the logic instruction, one add, the rotation and the add.
+    const __m512i early = _mm512_add_epi32(
+        v[roleA(kStep)],
+        _mm512_add_epi32(x[wordIndex(kStep)], _mm512_set1_epi32(static_cast<int>(kAdd[kStep]))));
     const __m512i b = v[roleB(kStep)];
-    const __m512i f =
-        _mm512_ternarylogic_epi32(b, v[roleC(kStep)], v[roleD(kStep)], kRoundTable[kStep / 16]);
-    __m512i a = _mm512_add_epi32(v[roleA(kStep)], f);
-    a = _mm512_add_epi32(
-        a, _mm512_add_epi32(x[wordIndex(kStep)], _mm512_set1_epi32(static_cast<int>(kAdd[kStep]))));
-    v[roleA(kStep)] = _mm512_add_epi32(b, _mm512_rol_epi32(a, rotation(kStep)));
+    const __m512i f = _mm512_ternarylogic_epi32(b, v[roleC(kStep)], v[roleD(kStep)], kTable);
+    v[roleA(kStep)] = _mm512_add_epi32(b, _mm512_rol_epi32(_mm512_add_epi32(early, f), kRotation));
 }
 
 template <int... kSteps>
