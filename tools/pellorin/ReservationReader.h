@@ -24,9 +24,9 @@ namespace pellorin::host {
 std::vector<PlannedPart> readReservationFile(const std::filesystem::path& path);
 
 // As readReservationFile, from text already read; `name` stands for the file in messages and
-// relative file paths are taken against `base`.
+// relative file paths are taken against `base` (the working directory when empty).
 std::vector<PlannedPart> planReservation(std::string_view jsonText, const std::string& name,
-                                         const std::filesystem::path& base);
+                                         const std::filesystem::path& base = {});
 
 // Why a request header cannot be sent as given: one the client sets itself (Content-Length,
 // Transfer-Encoding, Host, X-PLNX-Part-Number, X-PLNX-Retry-Count, in any case), a name that is

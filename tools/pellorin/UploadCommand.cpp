@@ -248,12 +248,12 @@ int runUpload(const UploadOptions& options, const std::shared_ptr<StatusLine>& l
         if (!options.to.empty()) {
             const auto parts = planTemplateParts(options.file, options.to, options.partSize,
                                                  options.method, options.headers);
+            const TransferSettings settings = settingsFor(options, parts, options.network);
             line->note("pellorin: uploading " + options.file + " (" +
                        formatBytes(totalLength(parts)) + ", " + countOf(parts.size(), "part") +
                        ") to " + redactUrls(parts.front().url.absoluteString()) +
                        (parts.size() > 1 ? " ..." : ""));
-            return runTransfer(parts, settingsFor(options, parts, options.network), journal.get(),
-                               events.get(), line, cancellation);
+            return runTransfer(parts, settings, journal.get(), events.get(), line, cancellation);
         }
         std::unique_ptr<TemporaryDirectory> demoDirectory;
         std::string source = options.file;
@@ -265,14 +265,15 @@ int runUpload(const UploadOptions& options, const std::shared_ptr<StatusLine>& l
         }
         EmbeddedTarget target(copyDirectory(options));
         const auto parts = target.plan(source, options.partSize);
-        line->note("pellorin: uploading " + source + " (" + formatBytes(totalLength(parts)) + ", " +
-                   countOf(parts.size(), "part") + ") to " + target.baseUrl() + ", assembling " +
-                   target.copyOf(source).string());
         // The receiver inside the host is reached directly, whatever the environment says.
         NetworkOptions direct = options.network;
         direct.proxy = "";
-        const int status = runTransfer(parts, settingsFor(options, parts, direct), journal.get(),
-                                       events.get(), line, cancellation);
+        const TransferSettings settings = settingsFor(options, parts, direct);
+        line->note("pellorin: uploading " + source + " (" + formatBytes(totalLength(parts)) + ", " +
+                   countOf(parts.size(), "part") + ") to " + target.baseUrl() + ", assembling " +
+                   target.copyOf(source).string());
+        const int status =
+            runTransfer(parts, settings, journal.get(), events.get(), line, cancellation);
         if (status != 0) {
             return status;
         }
