@@ -10,6 +10,7 @@ import json
 import os
 import pty
 import re
+import resource
 import select
 import shlex
 import signal
@@ -315,6 +316,23 @@ class Rounds(unittest.TestCase):
                 server.stop()
             self.assertEqual(sha256(os.path.join(received, "copy.bin")), sha256(source))
 
+    def test_too_few_descriptors_for_16_connections_are_ridden_out_with_fewer(self):
+        with tempfile.TemporaryDirectory() as d:
+            received = os.path.join(d, "received")
+            os.mkdir(received)
+            source = make_file(os.path.join(d, "a.bin"), 3 * 1000 * 1000)
+            server = Server(BINARY, received)
+            try:
+                result = subprocess.run(
+                    [BINARY, "upload", source, "--to", server.base + "/upload/a?offset={offset}",
+                     "--part-size", "100k", "-c", "16"], capture_output=True, text=True,
+                    timeout=LIMIT, env=clean_environment(),
+                    preexec_fn=lambda: resource.setrlimit(resource.RLIMIT_NOFILE, (32, 32)))
+            finally:
+                self.assertEqual(server.stop(), 0)
+            self.assertEqual(result.returncode, 0, result.stderr)
+            self.assertEqual(sha256(os.path.join(received, "a")), sha256(source))
+
     def test_to_uploads_to_serve_and_a_404_is_neither_retried_nor_told_its_signature(self):
         with tempfile.TemporaryDirectory() as d:
             received = os.path.join(d, "received")
@@ -461,9 +479,10 @@ class Failures(unittest.TestCase):
                     result = run("upload", "-r", "r.json", "--max-retries", "1",
                                  "--retry-rounds", "0", cwd=d)
                     self.assertEqual(result.returncode, 1, result.stderr)
+                    # Parts failing alike are told on one line.
                     failures = [line for line in result.stderr.splitlines()
-                                if re.match(r"pellorin: part [12] of .* failed: .+", line)]
-                    self.assertEqual(len(failures), 2, result.stderr)
+                                if re.match(r"pellorin: parts 1, 2 of .* failed: .+", line)]
+                    self.assertEqual(len(failures), 1, result.stderr)
                     self.assertIn("0 of 2 parts", result.stderr)
         finally:
             listener.close()

@@ -156,7 +156,7 @@ void Journal::record(const PlannedPart& part, const std::string& eTag) {
                                   {"offset", key.offset},
                                   {"length", key.length},
                                   {"method", part.method},
-                                  {"url", redactUrls(part.url.absoluteString())},
+                                  {"url", stripUrlSecrets(part.url.absoluteString())},
                                   {"destinationSha256", sha256Hex(part.destination)},
                                   {"device", part.source.device},
                                   {"inode", part.source.inode},

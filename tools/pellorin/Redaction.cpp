@@ -59,9 +59,10 @@ bool showSecrets() {
 }
 
 std::string redactUrls(std::string_view text) {
-    if (gShowSecrets) {
-        return std::string(text);
-    }
+    return gShowSecrets ? std::string(text) : stripUrlSecrets(text);
+}
+
+std::string stripUrlSecrets(std::string_view text) {
     std::string out;
     size_t copied = 0;
     for (size_t marker = text.find("://"); marker != std::string_view::npos;

@@ -19,6 +19,8 @@ bool showSecrets();
 // user-info ("user:password@" becomes "***@") and query string ("?..." becomes "?***"), unless
 // secrets are shown.
 std::string redactUrls(std::string_view text);
+// As redactUrls, whatever the switch says (for what is stored, such as the journal).
+std::string stripUrlSecrets(std::string_view text);
 
 // redactUrls, then every control character (other than tab) and escape byte written as "\xHH",
 // so that nothing a server says can move the cursor or change the terminal's state.

@@ -157,6 +157,27 @@ std::vector<std::string> changedSources(const std::vector<PlannedPart>& parts) {
     return changed;
 }
 
+// One line per file and cause: "part 3 of /a failed: ..." or "parts 1, 4, 9 of /a failed: ...".
+void printFailures(const std::vector<TransferObserver::Failure>& failures, StatusLine& line) {
+    std::map<std::pair<std::string, std::string>, std::set<uint64_t>> grouped;
+    for (const auto& failure : failures) {
+        grouped[{failure.part.key.path, failure.description}].insert(failure.part.key.partNumber);
+    }
+    for (const auto& [where, numbers] : grouped) {
+        std::string list;
+        size_t shown = 0;
+        for (const uint64_t number : numbers) {
+            if (shown == 20) {
+                list += " and " + std::to_string(numbers.size() - shown) + " more";
+                break;
+            }
+            list += (shown++ == 0 ? "" : ", ") + std::to_string(number);
+        }
+        line.print("pellorin: " + std::string(numbers.size() == 1 ? "part " : "parts ") + list +
+                   " of " + where.first + " failed: " + where.second);
+    }
+}
+
 }  // namespace
 
 int runTransfer(const std::vector<PlannedPart>& parts, const TransferSettings& settings,
@@ -183,9 +204,12 @@ int runTransfer(const std::vector<PlannedPart>& parts, const TransferSettings& s
                     "round-started",
                     {{"round", round}, {"parts", pending.size()}, {"bytes", totalLength(pending)}});
             }
-            auto client = PellorinClient::standardClient(
-                settings.rateLimit, static_cast<uint8_t>(settings.maxConnections),
-                static_cast<uint8_t>(settings.maxRetries));
+            // Each later round halves the parts in flight: what failed may have been too many
+            // connections at once (descriptors, a server's limit) as well as an outage.
+            const unsigned connections = std::max(1u, settings.maxConnections >> (round - 1));
+            auto client = PellorinClient::standardClient(settings.rateLimit,
+                                                         static_cast<uint8_t>(connections),
+                                                         static_cast<uint8_t>(settings.maxRetries));
             const SessionConfiguration configuration = settings.configuration;
             client->setSessionConfigurationSupplier([configuration] { return configuration; });
             auto observer = std::make_shared<TransferObserver>(pending, counters, line, journal);
@@ -262,10 +286,7 @@ int runTransfer(const std::vector<PlannedPart>& parts, const TransferSettings& s
                     (journal != nullptr ? " (recorded in " + settings.journalName + ")" : ""));
         status = kExitInterrupted;
     } else {
-        for (const auto& failure : finalFailures) {
-            line->print("pellorin: part " + std::to_string(failure.part.key.partNumber) + " of " +
-                        failure.part.key.path + " failed: " + failure.description);
-        }
+        printFailures(finalFailures, *line);
         for (const auto& path : changedSources(parts)) {
             line->print("pellorin: " + path +
                         " changed while it was being sent; its parts may mix two versions");
