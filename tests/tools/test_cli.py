@@ -6,6 +6,8 @@ TLS and proxies (nginx and tinyproxy, skipped when missing), secrets kept out of
 Standard library only; every wait is bounded."""
 
 import argparse
+import base64
+import hashlib
 import json
 import os
 import pty
@@ -315,6 +317,50 @@ class Rounds(unittest.TestCase):
             finally:
                 server.stop()
             self.assertEqual(sha256(os.path.join(received, "copy.bin")), sha256(source))
+
+    def test_a_503_that_spends_the_retries_gets_a_round_after_its_retry_after(self):
+        listener = socket.socket()
+        listener.bind(("127.0.0.1", 0))
+        listener.listen()
+        answers = []
+
+        def answer():  # 503 with Retry-After: 1 twice, then the body's MD5
+            while True:
+                try:
+                    connection, _ = listener.accept()
+                except OSError:
+                    return
+                with connection:
+                    data = b""
+                    while b"\r\n\r\n" not in data:
+                        data += connection.recv(65536)
+                    head, body = data.split(b"\r\n\r\n", 1)
+                    length = int(re.search(rb"(?i)content-length: *(\d+)", head).group(1))
+                    while len(body) < length:
+                        body += connection.recv(65536)
+                    if len(answers) < 2:
+                        answers.append(503)
+                        connection.sendall(b"HTTP/1.1 503 Busy\r\nRetry-After: 1\r\n"
+                                           b"Content-Length: 0\r\nConnection: close\r\n\r\n")
+                    else:
+                        answers.append(200)
+                        md5 = base64.b64encode(hashlib.md5(body).digest())
+                        connection.sendall(b"HTTP/1.1 200 OK\r\nContent-MD5: " + md5 +
+                                           b"\r\nContent-Length: 0\r\nConnection: close\r\n\r\n")
+
+        threading.Thread(target=answer, daemon=True).start()
+        try:
+            with tempfile.TemporaryDirectory() as d:
+                source = make_file(os.path.join(d, "a.bin"), 5000)
+                result = run("upload", source, "--to",
+                             f"http://127.0.0.1:{listener.getsockname()[1]}/a",
+                             "--max-retries", "1", "--events", "-")
+        finally:
+            listener.close()
+        self.assertEqual(result.returncode, 0, result.stderr)
+        self.assertEqual(answers, [503, 503, 200])
+        waits = events_of(result.stdout)["round-waiting"]
+        self.assertEqual([(w["round"], w["waitSecs"]) for w in waits], [(2, 1.0)])
 
     def test_too_few_descriptors_for_16_connections_are_ridden_out_with_fewer(self):
         with tempfile.TemporaryDirectory() as d:

@@ -23,7 +23,7 @@ TransferObserver::TransferObserver(const std::vector<PlannedPart>& parts,
                                    Journal* journal)
     : counters_(counters), line_(std::move(line)), journal_(journal) {
     for (const auto& part : parts) {
-        parts_.emplace(PartId{part.key.path, part.key.partNumber}, PartState{part});
+        parts_.emplace(PartId{part.key.path, part.key.partNumber}, PartState{part, 0, {}});
     }
 }
 
@@ -71,8 +71,11 @@ void TransferObserver::pellorinClientDidReceivePartProgress(
 
 void TransferObserver::pellorinClientWillRetryPart(
     PellorinClient&, const std::shared_ptr<const PartRetryMessage>& message) {
-    resetAttempt(message->path(), message->partNumber());
+    PartState* part = resetAttempt(message->path(), message->partNumber());
     ++counters_.retries;
+    if (part != nullptr) {
+        part->retryErrors.push_back(message->error());
+    }
 }
 
 void TransferObserver::pellorinClientPartDidComplete(
@@ -102,13 +105,16 @@ void TransferObserver::pellorinClientPartDidFail(
     if (part == nullptr) {
         return;
     }
-    const auto& errors = message->errors();
+    std::vector<std::shared_ptr<const ErrorMessage>> errors = part->retryErrors;
+    for (const auto& error : message->errors()) {
+        if (error) {
+            errors.push_back(error);
+        }
+    }
     Failure failure{part->part, judgeFailure(errors), ""};
-    failure.description =
-        errors.empty() || !errors.back() ? "no error recorded" : describeError(*errors.back());
+    failure.description = errors.empty() ? "no error recorded" : describeError(*errors.back());
     // The last error often only says that the retries ran out; the one before says why.
-    if (errors.size() >= 2 && errors[errors.size() - 2] &&
-        errors[errors.size() - 2]->message() != errors.back()->message()) {
+    if (errors.size() >= 2 && errors[errors.size() - 2]->message() != errors.back()->message()) {
         failure.description += "; last cause: " + describeError(*errors[errors.size() - 2]);
     }
     failures_.push_back(std::move(failure));

@@ -71,6 +71,9 @@ class TransferObserver : public PellorinClientDelegate {
     struct PartState {
         PlannedPart part;
         uint64_t attemptBytes = 0;  // sent by the current attempt
+        // The errors of the attempts that were retried: a part's final error list may hold only
+        // the note that the retries ran out.
+        std::vector<std::shared_ptr<const ErrorMessage>> retryErrors;
     };
     // Takes the part's current attempt back out of doneBytes; the part's state, or null.
     PartState* resetAttempt(const std::string& path, uint64_t partNumber);
