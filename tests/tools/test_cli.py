@@ -441,7 +441,7 @@ class Networks(unittest.TestCase):
             server = Server(BINARY, received)
             try:
                 with thirdparty.nginx(upstream=f"127.0.0.1:{server.port}",
-                                      workdir=os.path.join(d, "nginx")) as tls, \
+                                      workdir=os.path.join(d, "nginx"), http2=True) as tls, \
                         thirdparty.forward_proxy(workdir=os.path.join(d, "proxy")) as proxy:
                     to = tls.url + "/upload/{name}?offset={offset}"
                     untrusted = run("upload", source, "--to", to, "--part-size", "100k",
@@ -456,6 +456,9 @@ class Networks(unittest.TestCase):
                         result = run("upload", source, "--to", to, "--part-size", "100k",
                                      *options, env=clean_environment(**environment))
                         self.assertEqual(result.returncode, 0, (options, result.stderr))
+                with open(os.path.join(d, "nginx", "nginx-access.log")) as f:
+                    protocols = re.findall(r'"PUT [^"]* (HTTP/[0-9.]+)"', f.read())
+                self.assertEqual(protocols.count("HTTP/2.0"), 3, protocols)  # --http2's parts
             except thirdparty.Unavailable as missing:
                 self.skipTest(str(missing))
             finally:
