@@ -363,6 +363,9 @@ class Rounds(unittest.TestCase):
         self.assertEqual([(w["round"], w["waitSecs"]) for w in waits], [(2, 1.0)])
 
     def test_too_few_descriptors_for_16_connections_are_ridden_out_with_fewer(self):
+        linked = subprocess.run(["ldd", BINARY], capture_output=True, text=True).stdout
+        if re.search(r"lib(a|ub|t)san", linked):
+            self.skipTest("the sanitizers' own checks need descriptors (they open pipes)")
         with tempfile.TemporaryDirectory() as d:
             received = os.path.join(d, "received")
             os.mkdir(received)
