@@ -206,7 +206,8 @@ int runTransfer(const std::vector<PlannedPart>& parts, const TransferSettings& s
             }
             // Each later round halves the parts in flight: what failed may have been too many
             // connections at once (descriptors, a server's limit) as well as an outage.
-            const unsigned connections = std::max(1u, settings.maxConnections >> (round - 1));
+            const unsigned connections =
+                std::max(1u, settings.maxConnections >> std::min(round - 1, 8u));
             auto client = PellorinClient::standardClient(settings.rateLimit,
                                                          static_cast<uint8_t>(connections),
                                                          static_cast<uint8_t>(settings.maxRetries));
@@ -256,11 +257,10 @@ int runTransfer(const std::vector<PlannedPart>& parts, const TransferSettings& s
             const double wait = roundWait(round + 1, retryAfter);
             char seconds[32];
             std::snprintf(seconds, sizeof seconds, "%.1f s", wait);
-            const std::string waitingFor = "waiting " + std::string(seconds) + " before round " +
-                                           std::to_string(round + 1) + " of " +
-                                           countOf(pending.size(), "part") + " (" + reason + ")";
+            const std::string waiting = "waiting " + std::string(seconds) + " before round " +
+                                        std::to_string(round + 1);
             line->note("pellorin: " + countOf(pending.size(), "part") + " failed (" + reason +
-                       "); " + waitingFor.substr(0, waitingFor.find(" (")));
+                       "); " + waiting);
             if (events) {
                 events->write("round-waiting", {{"round", round + 1},
                                                 {"parts", pending.size()},
@@ -268,7 +268,7 @@ int runTransfer(const std::vector<PlannedPart>& parts, const TransferSettings& s
                                                 {"reason", reason}});
             }
             counters.partsFailed -= pending.size();
-            display.setNote(waitingFor.substr(0, waitingFor.find(" (")));
+            display.setNote(waiting);
             if (!cancellation.waitFor(std::chrono::duration<double>(wait))) {
                 break;
             }
