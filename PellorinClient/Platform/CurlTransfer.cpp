@@ -226,9 +226,6 @@ std::optional<PlatformError> CurlTransfer::Impl::configure() {
     }
     // An empty proxy disables proxies altogether, those named by the environment included.
     set(CURLOPT_PROXY, configuration.proxy ? configuration.proxy->c_str() : "");
-    // Through a proxy, the answer to CONNECT is not the server's answer: keep it out of the
-    // header callback, which takes the first complete head as the response.
-    set(CURLOPT_SUPPRESS_CONNECT_HEADERS, 1L);
     set(CURLOPT_HTTP_VERSION, httpVersion);
     if (rc != CURLE_OK) {
         return platformErrorFromCurlCode(rc, errorText);
