@@ -57,6 +57,12 @@ TEST(AttemptDecision, EveryKindOfEndingHasItsOutcome) {
     cutShort.bytesSent = 10;
     cutShort.length = 20;
     const auto shortError = PellorinError::error("the answer came after 10 of 20 body bytes");
+    // The body's file changed under it: whatever else happened, a retry would read it again.
+    AttemptEnding changedUnderAnswer = answer(200, mismatch);
+    changedUnderAnswer.sourceChanged = "a.bin changed";
+    AttemptEnding changedUnderError = transportError(lost);
+    changedUnderError.sourceChanged = "a.bin changed";
+    const auto changedError = PellorinError::error("a.bin changed");
 
     const Row rows[] = {
         {"200, checksum equal",
@@ -71,6 +77,8 @@ TEST(AttemptDecision, EveryKindOfEndingHasItsOutcome) {
          0},
         {"200 before the whole body went out", cutShort, Decision::Retry{{}, shortError},
          shortError, 1},
+        {"file changed, answer 200", changedUnderAnswer, Decision::Fail{changedError}, {}, 0},
+        {"file changed, transport error", changedUnderError, Decision::Fail{changedError}, {}, 0},
         {"200, no checksum", answer(200), Decision::Fail{PellorinError::noRemoteChecksum()}, {}, 0},
         {"200, checksum different", answer(200, mismatch), Decision::Retry{{}, mismatchError},
          mismatchError, 1},

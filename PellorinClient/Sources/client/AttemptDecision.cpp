@@ -116,6 +116,10 @@ std::optional<std::string> remoteChecksum(const HttpResponse& response) {
 }
 
 AttemptDecision decideAttempt(const AttemptEnding& ending) {
+    // A part whose file changed while it was read cannot be certified, now or by a retry.
+    if (ending.sourceChanged) {
+        return fail(ending, PellorinError::error(*ending.sourceChanged));
+    }
     if (ending.error) {
         return decideTransportError(ending, *ending.error);
     }

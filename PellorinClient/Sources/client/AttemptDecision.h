@@ -25,6 +25,7 @@ struct AttemptEnding {
     std::optional<ChecksumStatus> checksum;     // the body stream's verdict on remoteChecksum
     uint64_t bytesSent = 0;                     // body bytes the transport sent
     uint64_t length = 0;                        // the part's length
+    std::optional<std::string> sourceChanged;   // why the body's file is not the one opened
     bool cancelled = false;                     // the client is being cancelled
     size_t retryCount = 0;                      // the part's retries so far
     uint8_t maxRetries = 0;

@@ -111,6 +111,9 @@ void FilePartRequestDelegate::urlSessionTaskDidCompleteWithError(
     // An attempt given up before its body started was reported when it was given up.
     if (!abandoned_) {
         AttemptEnding ending;
+        if (body_ && body_->sourceChanged()) {
+            ending.sourceChanged = body_->error()->description();
+        }
         if (error) {
             ending.error = error;
             if (error->domain == kURLErrorDomain && error->code == URLError::timedOut) {
