@@ -61,7 +61,8 @@ AttemptDecision decideTransportError(const AttemptEnding& ending, const Platform
 
 AttemptDecision decideAccepted(const AttemptEnding& ending) {
     // Whatever the checksum says, an answer to a body not wholly sent does not cover the part.
-    if (ending.bytesSent != ending.length) {
+    // (A count above the length can only come from a body sent again in full.)
+    if (ending.bytesSent < ending.length) {
         return retry(
             ending, std::nullopt,
             PellorinError::error("the answer came after " + std::to_string(ending.bytesSent) +
