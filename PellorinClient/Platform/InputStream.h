@@ -45,10 +45,6 @@ class InputStream : public std::enable_shared_from_this<InputStream> {
     // Reads up to maxLength bytes into buffer. Returns the count read, 0 at the end of the
     // stream, or -1 on failure (the status is then error).
     virtual int64_t read(uint8_t* buffer, int64_t maxLength) = 0;
-    // Restarts the stream from the beginning of the body, with a fresh digest where the stream
-    // keeps one, so that the body can be sent again on a new connection. Returns false when the
-    // stream cannot (the default); the stream is then unchanged. Called on the reading thread.
-    virtual bool rewind() { return false; }
     // Direct access to an internal buffer; streams of this library have none.
     virtual bool getBuffer(uint8_t** /*buffer*/, int64_t* /*length*/) { return false; }
     virtual bool hasBytesAvailable() const = 0;
