@@ -134,11 +134,16 @@ TEST(HttpAnswersTest, ConnectionsClosedUnderReuseCostNoUpload) {
         const size_t n = std::stoul(info.path.substr(info.path.find("offset=") + 7));
         return receiver::Fault{.closeAfterAnswerSecs = kCloseAfter[n % 3]};
     });
-    int failures = 0;
+    std::vector<std::string> failures;
     for (size_t n = 0; n < 100; ++n) {
-        const Attempt attempt = upload(receiver.partUrl("reuse", n), kLength);
+        Attempt attempt = upload(receiver.partUrl("reuse", n), kLength);
         if (!attempt.completion || attempt.completion->error || attempt.status != 200) {
-            ++failures;
+            failures.push_back(
+                std::to_string(n) + ": " +
+                (attempt.completion && attempt.completion->error
+                     ? attempt.completion->error->description() + " " +
+                           attempt.completion->error->userInfo[std::string(kUnderlyingErrorTextKey)]
+                     : "status " + std::to_string(attempt.status)));
         }
         // The next request goes out near the moment this connection is closed (at once after
         // the others, whose closes come long after it or right away).
@@ -146,7 +151,7 @@ TEST(HttpAnswersTest, ConnectionsClosedUnderReuseCostNoUpload) {
             std::this_thread::sleep_for(48ms + std::chrono::milliseconds(n % 5));
         }
     }
-    EXPECT_EQ(failures, 0);
+    EXPECT_EQ(failures, std::vector<std::string>{});
     size_t connections = 0;
     for (const receiver::RequestRecord& record : receiver.requests()) {
         connections = std::max<size_t>(connections, record.connection);
