@@ -100,6 +100,7 @@ struct CurlTransfer::Impl {
     std::optional<PlatformError> configure();
     TransferOutcome run();
     std::optional<PlatformError> judgeFinishedExchange();
+    bool resendOnNewConnection(CURLcode result);
     std::shared_ptr<const HttpResponse> finalResponse() const;
     void noteProgress(int64_t totalSent, bool force);
     int64_t bodyBytesSent() const;
@@ -137,6 +138,7 @@ struct CurlTransfer::Impl {
     // otherwise the resend fails. libcurl starts its byte counts again either way, so the most
     // the closed connection took is remembered here.
     bool connectionClosedMidBody = false;
+    bool resent = false;            // sent once more on a new connection by resendOnNewConnection
     int64_t mostBodyBytesSent = 0;  // the highest upload count the progress callback saw
     Clock::time_point lastReport = Clock::now();
     std::vector<uint8_t> responseBody;
@@ -247,7 +249,7 @@ TransferOutcome CurlTransfer::Impl::run() {
     Clock::time_point lastActivity = Clock::now();
     // Once the body has gone out or the answer has begun, the whole answer must arrive within
     // one idle time-out: an answer that trickles in keeps the transfer active but never ends.
-    std::optional<Clock::time_point> answerDeadline;
+    Clock::time_point answerDeadline = Clock::time_point::max();  // max: not started
     curl_off_t lastUp = 0, lastDown = 0, lastHeader = 0;
     CURLcode result = CURLE_OK;
     bool finished = false;
@@ -269,6 +271,11 @@ TransferOutcome CurlTransfer::Impl::run() {
                     result = message->data.result;
                 }
             }
+            if (resendOnNewConnection(result)) {
+                lastActivity = Clock::now();
+                answerDeadline = Clock::time_point::max();
+                continue;
+            }
             finished = true;
             break;
         }
@@ -289,21 +296,18 @@ TransferOutcome CurlTransfer::Impl::run() {
             lastActivity = now;
         }
         const bool bodySent = bodyLength >= 0 ? up >= bodyLength : bodyEnded;
-        if (!answerDeadline && (bodySent || header > 0 || down > 0)) {
+        if (answerDeadline == Clock::time_point::max() && (bodySent || header > 0 || down > 0)) {
             answerDeadline = now + idleLimit;
         }
         if (now - lastActivity >= idleLimit) {
             idle = true;
             break;
         }
-        if (answerDeadline && now >= *answerDeadline) {
+        if (now >= answerDeadline) {
             late = true;
             break;
         }
-        Clock::time_point wakeAt = lastActivity + idleLimit;
-        if (answerDeadline) {
-            wakeAt = std::min(wakeAt, *answerDeadline);
-        }
+        const Clock::time_point wakeAt = std::min(lastActivity + idleLimit, answerDeadline);
         const auto remaining = std::chrono::duration_cast<std::chrono::milliseconds>(wakeAt - now);
         const int waitMs = static_cast<int>(std::clamp<int64_t>(remaining.count() + 1, 1, 1000));
         curl_multi_poll(multi, nullptr, 0, waitMs, nullptr);
@@ -343,6 +347,32 @@ TransferOutcome CurlTransfer::Impl::run() {
     }
     outcome.responseBody = std::move(responseBody);
     return outcome;
+}
+
+// A kept-alive connection the server closed as the request went out fails the transfer when
+// the request head had already gone (libcurl itself sends again only when the head could not be
+// sent, through seekBody). Such a request never reached an answer: when the connection was
+// reused, no byte of an answer came and the body can start again, it is sent once more on a new
+// connection (the failed one is closed).
+bool CurlTransfer::Impl::resendOnNewConnection(CURLcode result) {
+    if (resent || cancelled.load() || bodyFailure ||
+        (result != CURLE_SEND_ERROR && result != CURLE_RECV_ERROR && result != CURLE_GOT_NOTHING)) {
+        return false;
+    }
+    long newConnections = 0;
+    long headerBytes = 0;
+    curl_easy_getinfo(easy, CURLINFO_NUM_CONNECTS, &newConnections);
+    curl_easy_getinfo(easy, CURLINFO_HEADER_SIZE, &headerBytes);
+    if (newConnections != 0 || headerBytes != 0 || !body->rewind()) {
+        return false;
+    }
+    mostBodyBytesSent = std::max<int64_t>(mostBodyBytesSent, bodyBytesSent());
+    curl_multi_remove_handle(multi, easy);
+    bodyBytesRead = 0;
+    bodyEnded = false;
+    errorText[0] = '\0';
+    resent = true;
+    return curl_multi_add_handle(multi, easy) == CURLM_OK;
 }
 
 // libcurl finished the exchange without an error. It is an answer only when libcurl parsed a

@@ -243,7 +243,8 @@ ConnectionHandler::Next ConnectionHandler::serve(const RequestHead& head) {
 
     Fault fault;
     if (const auto script = log_.faultScript()) {
-        fault = script(RequestInfo{head.method, head.target, record.partNumber, visit.attempt()})
+        fault = script(RequestInfo{head.method, head.target, record.partNumber, visit.attempt(),
+                                   record.retryCount})
                     .value_or(Fault{});
     }
     Route route = this->route(head);

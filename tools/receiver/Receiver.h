@@ -65,6 +65,9 @@ struct RequestInfo {
     std::string path;  // includes the query
     std::optional<uint64_t> partNumber;
     uint32_t attempt = 0;  // 0-based count of earlier requests with the same (path, partNumber)
+    // From "X-PLNX-Retry-Count": the client's attempt, which a request sent again by the
+    // transport on a new connection shares with the one that failed.
+    std::optional<uint64_t> retryCount;
 };
 
 // One request as the receiver saw it. Completed before the answer goes out, so a client that has
