@@ -70,7 +70,7 @@ class OutOfThreads(unittest.TestCase):
         try:
             result = upload(limited(6, "upload", "-r",
                                     reservation(self.directory, self.source, server.base),
-                                    "-c", "8", "--max-retries", "1"))
+                                    "-c", "8", "--max-retries", "1", "--retry-rounds", "0"))
         finally:
             self.assertEqual(server.stop(), 0)
         self.assertEqual(result.returncode, 1, result.stderr)
@@ -89,7 +89,7 @@ class OutOfThreads(unittest.TestCase):
             path = reservation(self.directory, self.source, base)
             for connections in ("16", "1"):
                 result = upload([BINARY, "upload", "-r", path, "-c", connections,
-                                 "--max-retries", "0"])
+                                 "--max-retries", "0", "--retry-rounds", "0"])
                 self.assertIn(result.returncode, (0, 1), result.stderr)
             # One connection at a time needs one thread: everything arrives.
             self.assertEqual(result.returncode, 0, result.stderr)
