@@ -42,7 +42,7 @@ class UploadTask {
     virtual void cancel() = 0;
     // "UploadTask{taskIdentifier: 1, PUT http://host/path, state: running}".
     virtual std::string description() const = 0;
-    // The final response, from the moment its headers have arrived.
+    // The final response, once the task has completed without an error.
     virtual std::shared_ptr<const HttpResponse> response() const = 0;
     virtual const HttpRequest& originalRequest() const = 0;
     virtual State state() const = 0;
