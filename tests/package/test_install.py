@@ -23,6 +23,7 @@ from served import Server, make_file  # noqa: E402
 
 ARGS = None
 JOBS = "2"
+PART_BYTES = 256 * 1024
 
 
 def run(command, env=None, cwd=None, timeout=300):
@@ -64,12 +65,17 @@ class Installed(unittest.TestCase):
         cls.server.stop()
         shutil.rmtree(cls.work, ignore_errors=True)
 
-    def upload(self, command, name, size, env=None):
-        """Runs an example on a fresh file of `size` bytes in parts of 256 KiB and compares."""
+    def upload(self, command, name, size, env=None, python=False):
+        """Runs an example on a fresh file of `size` bytes in parts of 256 KiB, then compares the
+        receiver's copy. The C and C++ examples take FILE URL_PREFIX PART_BYTES; the Python ones
+        FILE URL --part-size BYTES, with {offset} in the URL."""
         source = make_file(os.path.join(self.work, name), size)
-        prefix = f"{self.server.base}/upload/{name}?offset="
-        output = run(command + [source, prefix, str(256 * 1024)], env=env or self.env, timeout=60)
-        self.assertIn("finished with status 0", output)
+        url = f"{self.server.base}/upload/{name}?offset="
+        arguments = ([source, url + "{offset}", "--part-size", str(PART_BYTES)] if python
+                     else [source, url, str(PART_BYTES)])
+        output = run(command + arguments, env=env or self.env, timeout=60)
+        if not python:
+            self.assertIn("finished with status 0", output)
         with open(source, "rb") as sent, open(os.path.join(self.received, name), "rb") as got:
             self.assertEqual(sent.read(), got.read(), f"{name} differs at the receiver")
 
@@ -129,7 +135,8 @@ class Installed(unittest.TestCase):
                    PELLORIN_LIBRARY=os.path.join(self.libdir, "libpellorin.so"))
         for number, script in enumerate(scripts):
             with self.subTest(script=os.path.basename(script)):
-                self.upload([sys.executable, script], f"python-{number}.bin", 600_000, env=env)
+                self.upload([sys.executable, script], f"python-{number}.bin", 600_000, env=env,
+                            python=True)
 
 
 class Subdirectory(unittest.TestCase):
