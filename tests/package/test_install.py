@@ -141,8 +141,9 @@ class Installed(unittest.TestCase):
 
 class Subdirectory(unittest.TestCase):
     def test_add_subdirectory_configures_the_libraries_alone(self):
-        """Generation, the alias's include directories in a C++17 file, and one library source
-        compiled with its generated and internal headers; the full build is the main tree's."""
+        """Generation (with both aliases linked), the alias's include directories in a C++17
+        file, and one library source compiled with its generated and internal headers; building
+        the whole library again is left to the main tree, for time."""
         with tempfile.TemporaryDirectory(prefix="pellorin-subdirectory-") as work:
             project = os.path.join(work, "project")
             os.mkdir(project)
@@ -154,9 +155,16 @@ add_library(consumer OBJECT consumer.cpp)
 target_include_directories(consumer PRIVATE
   $<TARGET_PROPERTY:PellorinClient::pellorin,INTERFACE_INCLUDE_DIRECTORIES>)
 set_target_properties(consumer PROPERTIES CXX_STANDARD 17)
+# Never built here; generating them checks that every library they link resolves.
+add_executable(app_shared EXCLUDE_FROM_ALL main.cpp)
+target_link_libraries(app_shared PRIVATE PellorinClient::pellorin)
+add_executable(app_static EXCLUDE_FROM_ALL main.cpp)
+target_link_libraries(app_static PRIVATE PellorinClient::pellorin_static)
 """)
             with open(os.path.join(project, "consumer.cpp"), "w") as f:
                 f.write("#include <pellorin/PellorinClient.h>\n#include <pellorin/pellorin.h>\n")
+            with open(os.path.join(project, "main.cpp"), "w") as f:
+                f.write("int main() { return 0; }\n")
             build = os.path.join(work, "build")
             run([ARGS.cmake, "-S", project, "-B", build, "-G", "Unix Makefiles",
                  "-DCMAKE_BUILD_TYPE=", f"-DCMAKE_CXX_COMPILER={ARGS.cxx}",
