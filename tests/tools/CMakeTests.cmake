@@ -7,7 +7,7 @@ endif()
 
 # <pellorin/pellorin.h> must stay valid C: compiling one C file against it is the check.
 add_library(pellorin_c_header_check OBJECT ${CMAKE_CURRENT_LIST_DIR}/CHeaderCheck.c)
-target_include_directories(pellorin_c_header_check PRIVATE ${PROJECT_SOURCE_DIR}/include)
+target_include_directories(pellorin_c_header_check PRIVATE ${CMAKE_SOURCE_DIR}/include)
 set_target_properties(pellorin_c_header_check PROPERTIES C_STANDARD 99 C_STANDARD_REQUIRED ON)
 
 # End-to-end tests in Python (standard library only): the binary, and the C interface via ctypes.
