@@ -1,9 +1,15 @@
-// The C interface of <pellorin/pellorin.h>: thin handles over the C++ client and part requests,
-// and a delegate that forwards each event's JSON text to a table of function pointers. No
-// exception crosses into C: failures become a NULL result and a thread-local error text.
+// The client and part functions of <pellorin/pellorin.h>: thin handles over the C++ client and
+// part requests. The handle adds what the C++ client leaves to its host: one mutex-guarded phase
+// (idle, waiting, finished) so that a part handed in during or after the wait is refused instead
+// of never being waited for; a fan-out of delegate tables that may change at any time; and checks
+// of every argument, so that nothing a C host passes can stop the process or block it.
 #include <pellorin/pellorin.h>
 
+#include <cmath>
+#include <filesystem>
+#include <limits>
 #include <memory>
+#include <mutex>
 #include <optional>
 #include <string>
 #include <vector>
@@ -11,123 +17,200 @@
 #include <pellorin/FilePartRequest.h>
 #include <pellorin/PellorinClient.h>
 #include <pellorin/PellorinClientDelegate.h>
+#include <pellorin/SessionConfiguration.h>
 
+#include "Bindings/CParts.h"
+#include "Bindings/CSupport.h"
+
+namespace pellorin::bindings {
 namespace {
 
-thread_local std::string lastError;
+class TableFanOut;
 
-// Forwards every event to a C table. Lives as long as its client handle.
-class TableDelegate final : public pellorin::PellorinClientDelegate {
+// The fan-out whose callback is running on this thread, if any: calls that would wait for that
+// callback to end are refused.
+thread_local const TableFanOut* deliveringFanOut = nullptr;
+
+bool sameTable(const PLNClientDelegate& a, const PLNClientDelegate& b) {
+    return a.context == b.context && a.logMessage == b.logMessage &&
+           a.didStartPart == b.didStartPart &&
+           a.didReceivePartProgress == b.didReceivePartProgress &&
+           a.willRetryPart == b.willRetryPart && a.partDidComplete == b.partDidComplete &&
+           a.partDidFail == b.partDidFail && a.didReceiveFileProgress == b.didReceiveFileProgress &&
+           a.didFinishWithStatus == b.didFinishWithStatus;
+}
+
+// The one C++ delegate of a handle: forwards every event to each registered table. The mutex is
+// held while the tables' callbacks run (on the client's delegate queue), so a table removed, or
+// the handle released, is never called once that call has returned.
+class TableFanOut final : public PellorinClientDelegate {
   public:
-    TableDelegate(PLNClientDelegate table, PLNPellorinClient* handle)
-        : table_(table), handle_(handle) {}
+    explicit TableFanOut(PLNPellorinClient* handle) : handle_(handle) {}
 
-    void pellorinClientLogMessage(
-        pellorin::PellorinClient&,
-        const std::shared_ptr<const pellorin::LoggingMessage>& message) override {
-        forward(table_.logMessage, *message);
+    bool isDelivering() const { return deliveringFanOut == this; }
+
+    void add(const PLNClientDelegate& table) {
+        std::lock_guard lock(mutex_);
+        tables_.push_back(table);
+    }
+    size_t remove(const PLNClientDelegate& table) {
+        std::lock_guard lock(mutex_);
+        return std::erase_if(tables_, [&](const auto& entry) { return sameTable(entry, table); });
+    }
+    // No table is called after this returns.
+    void detach() {
+        std::lock_guard lock(mutex_);
+        tables_.clear();
+        handle_ = nullptr;
+    }
+
+    void pellorinClientLogMessage(PellorinClient&,
+                                  const std::shared_ptr<const LoggingMessage>& message) override {
+        forward(&PLNClientDelegate::logMessage, *message);
     }
     void pellorinClientDidStartPart(
-        pellorin::PellorinClient&,
-        const std::shared_ptr<const pellorin::PartStartedMessage>& message) override {
-        forward(table_.didStartPart, *message);
+        PellorinClient&, const std::shared_ptr<const PartStartedMessage>& message) override {
+        forward(&PLNClientDelegate::didStartPart, *message);
     }
     void pellorinClientDidReceivePartProgress(
-        pellorin::PellorinClient&,
-        const std::shared_ptr<const pellorin::PartProgressMessage>& message) override {
-        forward(table_.didReceivePartProgress, *message);
+        PellorinClient&, const std::shared_ptr<const PartProgressMessage>& message) override {
+        forward(&PLNClientDelegate::didReceivePartProgress, *message);
     }
     void pellorinClientWillRetryPart(
-        pellorin::PellorinClient&,
-        const std::shared_ptr<const pellorin::PartRetryMessage>& message) override {
-        forward(table_.willRetryPart, *message);
+        PellorinClient&, const std::shared_ptr<const PartRetryMessage>& message) override {
+        forward(&PLNClientDelegate::willRetryPart, *message);
     }
     void pellorinClientPartDidComplete(
-        pellorin::PellorinClient&,
-        const std::shared_ptr<const pellorin::PartCompleteMessage>& message) override {
-        forward(table_.partDidComplete, *message);
+        PellorinClient&, const std::shared_ptr<const PartCompleteMessage>& message) override {
+        forward(&PLNClientDelegate::partDidComplete, *message);
     }
     void pellorinClientPartDidFail(
-        pellorin::PellorinClient&,
-        const std::shared_ptr<const pellorin::PartFailureMessage>& message) override {
-        forward(table_.partDidFail, *message);
+        PellorinClient&, const std::shared_ptr<const PartFailureMessage>& message) override {
+        forward(&PLNClientDelegate::partDidFail, *message);
     }
     void pellorinClientDidReceiveFileProgress(
-        pellorin::PellorinClient&,
-        const std::shared_ptr<const pellorin::FileProgressMessage>& message) override {
-        forward(table_.didReceiveFileProgress, *message);
+        PellorinClient&, const std::shared_ptr<const FileProgressMessage>& message) override {
+        forward(&PLNClientDelegate::didReceiveFileProgress, *message);
     }
     void pellorinClientDidFinishWithStatus(
-        pellorin::PellorinClient&, int32_t status,
-        const std::shared_ptr<const pellorin::MetricsMessage>& metrics) override {
-        if (table_.didFinishWithStatus != nullptr) {
-            const std::string json = metrics->jsonString();
-            table_.didFinishWithStatus(table_.context, handle_, status, json.c_str());
-        }
+        PellorinClient&, int32_t status,
+        const std::shared_ptr<const MetricsMessage>& metrics) override {
+        const std::string json = metrics->jsonString();
+        deliver([&](const PLNClientDelegate& table, PLNPellorinClient* handle) {
+            if (table.didFinishWithStatus != nullptr) {
+                table.didFinishWithStatus(table.context, handle, status, json.c_str());
+            }
+        });
     }
 
   private:
     template <typename Message>
-    void forward(PLNEventCallback callback, const Message& message) const {
-        if (callback != nullptr) {
-            const std::string json = message.jsonString();
-            callback(table_.context, handle_, json.c_str());
+    void forward(PLNEventCallback PLNClientDelegate::*member, const Message& message) {
+        std::optional<std::string> json;  // made once, and only when some table wants it
+        deliver([&](const PLNClientDelegate& table, PLNPellorinClient* handle) {
+            if (PLNEventCallback callback = table.*member) {
+                if (!json) {
+                    json = message.jsonString();
+                }
+                callback(table.context, handle, json->c_str());
+            }
+        });
+    }
+
+    template <typename Call>
+    void deliver(const Call& call) {
+        std::lock_guard lock(mutex_);
+        if (handle_ == nullptr) {
+            return;
         }
+        const TableFanOut* outer = deliveringFanOut;
+        deliveringFanOut = this;
+        // Indexed: a callback cannot change the list (add and remove are refused inside one).
+        for (size_t i = 0; i < tables_.size(); ++i) {
+            call(tables_[i], handle_);
+        }
+        deliveringFanOut = outer;
     }
 
-    const PLNClientDelegate table_;
-    PLNPellorinClient* const handle_;
+    std::mutex mutex_;
+    std::vector<PLNClientDelegate> tables_;
+    PLNPellorinClient* handle_;  // null once detached
 };
 
-// Runs `make`, turning a missing argument or any exception into NULL and PLNLastError.
-template <typename Make>
-auto guarded(Make make) -> decltype(make()) {
-    try {
-        lastError.clear();
-        return make();
-    } catch (const std::exception& error) {
-        lastError = error.what();
-    } catch (...) {
-        lastError = "unknown error";
+enum class Phase { idle, waiting, finished };
+
+std::string checkedPath(const char* path, const char* name, bool directory) {
+    const std::string text = requiredText(path, name);
+    std::error_code error;
+    const auto status = std::filesystem::status(text, error);
+    if (directory ? !std::filesystem::is_directory(status)
+                  : !std::filesystem::is_regular_file(status)) {
+        invalidArgument(std::string(name) + " is not " + (directory ? "a folder" : "a file") +
+                        ": " + text);
     }
-    return nullptr;
+    return text;
 }
 
-struct MissingArgument : std::invalid_argument {
-    explicit MissingArgument(const char* name)
-        : std::invalid_argument(std::string(name) + " is NULL") {}
+}  // namespace
+}  // namespace pellorin::bindings
+
+using namespace pellorin::bindings;
+
+struct PLNPellorinClient {
+    std::shared_ptr<pellorin::PellorinClient> client;
+    std::shared_ptr<TableFanOut> fanOut;  // the client holds it weakly
+
+    std::mutex mutex;  // guards everything below; never held during a wait or a callback
+    Phase phase = Phase::idle;
+    bool cancelled = false;
+    int32_t status = PLN_OK;
+    std::optional<pellorin::SessionConfiguration> configuration;
+
+    pellorin::SessionConfiguration& editableConfiguration() {
+        if (phase != Phase::idle) {
+            wrongState("session settings apply only before the transfer starts");
+        }
+        if (!configuration) {
+            configuration = pellorin::SessionConfiguration::ephemeral();
+        }
+        return *configuration;
+    }
 };
 
-const char* required(const char* value, const char* name) {
-    if (value == nullptr) {
-        throw MissingArgument(name);
+namespace {
+
+PLNPellorinClient& handleOf(PLNPellorinClient* client) {
+    if (client == nullptr) {
+        invalidArgument("client is NULL");
     }
-    return value;
+    return *client;
 }
 
-pellorin::Url parseUrl(const char* text) {
-    auto url = pellorin::Url::parse(required(text, "url"));
-    if (!url) {
-        throw std::invalid_argument(std::string("not an absolute URL: ") + text);
-    }
-    return *url;
+// Changes the session settings of an idle client under its lock.
+template <typename Change>
+int32_t configure(PLNPellorinClient* client, Change change) {
+    return guardedStatus([&] {
+        PLNPellorinClient& handle = handleOf(client);
+        std::lock_guard lock(handle.mutex);
+        change(handle.editableConfiguration());
+        return PLN_OK;
+    });
+}
+
+std::optional<std::string> optionalText(const char* text) {
+    return text != nullptr ? std::optional<std::string>(text) : std::nullopt;
 }
 
 }  // namespace
 
-struct PLNPellorinClient {
-    std::shared_ptr<pellorin::PellorinClient> client;
-    std::vector<std::shared_ptr<TableDelegate>> delegates;  // the client holds them weakly
-};
-
-struct PLNFilePartRequest {
-    std::shared_ptr<pellorin::FilePartRequest> request;
-};
-
 extern "C" {
 
 const char* PLNLastError(void) {
-    return lastError.c_str();
+    return lastError();
+}
+
+int32_t PLNLastErrorCode(void) {
+    return lastErrorCode();
 }
 
 const char* PLNPellorinClient_bundle(void) {
@@ -142,94 +225,190 @@ const char* PLNPellorinClient_versionString(void) {
 
 PLNPellorinClient* PLNPellorinClient_standardClient(const uint64_t* rateLimit,
                                                     uint8_t maxConnections, uint8_t maxRetries) {
-    return guarded([&] {
+    return guardedPointer([&] {
+        constexpr uint64_t kLargestRate = std::numeric_limits<uint64_t>::max() / 1000;
+        if (maxConnections == 0) {
+            invalidArgument("maxConnections must be at least 1");
+        }
+        if (rateLimit != nullptr && (*rateLimit == 0 || *rateLimit > kLargestRate)) {
+            invalidArgument("rate limit " + std::to_string(*rateLimit) +
+                            " KB/s is out of range (1 to " + std::to_string(kLargestRate) + ")");
+        }
         auto handle = std::make_unique<PLNPellorinClient>();
         handle->client = pellorin::PellorinClient::standardClient(
             rateLimit != nullptr ? std::optional<uint64_t>(*rateLimit) : std::nullopt,
             maxConnections, maxRetries);
+        handle->fanOut = std::make_shared<TableFanOut>(handle.get());
+        handle->client->addDelegate(handle->fanOut, nullptr);
         return handle.release();
     });
 }
 
-void PLNPellorinClient_addDelegate(PLNPellorinClient* client, const PLNClientDelegate* delegate) {
-    if (client == nullptr || delegate == nullptr) {
-        return;
-    }
-    auto forwarder = std::make_shared<TableDelegate>(*delegate, client);
-    client->client->addDelegate(forwarder, nullptr);
-    client->delegates.push_back(std::move(forwarder));
+int32_t PLNPellorinClient_addDelegate(PLNPellorinClient* client,
+                                      const PLNClientDelegate* delegate) {
+    return guardedStatus([&] {
+        PLNPellorinClient& handle = handleOf(client);
+        if (delegate == nullptr) {
+            invalidArgument("delegate is NULL");
+        }
+        if (handle.fanOut->isDelivering()) {
+            wrongState("delegates cannot be added from inside the client's callbacks");
+        }
+        handle.fanOut->add(*delegate);
+        return PLN_OK;
+    });
 }
 
-void PLNPellorinClient_uploadPartRequest(PLNPellorinClient* client,
-                                         const PLNFilePartRequest* part) {
-    if (client != nullptr && part != nullptr) {
-        client->client->uploadPartRequest(part->request);
-    }
+int32_t PLNPellorinClient_removeDelegate(PLNPellorinClient* client,
+                                         const PLNClientDelegate* delegate) {
+    return guardedStatus([&] {
+        PLNPellorinClient& handle = handleOf(client);
+        if (delegate == nullptr) {
+            invalidArgument("delegate is NULL");
+        }
+        if (handle.fanOut->isDelivering()) {
+            wrongState("delegates cannot be removed from inside the client's callbacks");
+        }
+        if (handle.fanOut->remove(*delegate) == 0) {
+            invalidArgument("no such delegate is registered");
+        }
+        return PLN_OK;
+    });
+}
+
+int32_t PLNPellorinClient_setCAFile(PLNPellorinClient* client, const char* path) {
+    return configure(client, [&](pellorin::SessionConfiguration& configuration) {
+        configuration.caFile =
+            path != nullptr ? std::optional(checkedPath(path, "CA file", false)) : std::nullopt;
+    });
+}
+
+int32_t PLNPellorinClient_setCADirectory(PLNPellorinClient* client, const char* path) {
+    return configure(client, [&](pellorin::SessionConfiguration& configuration) {
+        configuration.caDirectory =
+            path != nullptr ? std::optional(checkedPath(path, "CA folder", true)) : std::nullopt;
+    });
+}
+
+int32_t PLNPellorinClient_setProxy(PLNPellorinClient* client, const char* url) {
+    return configure(client, [&](pellorin::SessionConfiguration& configuration) {
+        if (url != nullptr && !pellorin::Url::parse(url)) {
+            invalidArgument(std::string("proxy is not an absolute URL: ") + url);
+        }
+        configuration.proxy = optionalText(url);
+    });
+}
+
+int32_t PLNPellorinClient_setHttpVersion(PLNPellorinClient* client, int32_t version) {
+    return configure(client, [&](pellorin::SessionConfiguration& configuration) {
+        if (version != PLN_HTTP_1_1 && version != PLN_HTTP_2) {
+            invalidArgument("HTTP version must be PLN_HTTP_1_1 or PLN_HTTP_2, not " +
+                            std::to_string(version));
+        }
+        configuration.httpVersion =
+            version == PLN_HTTP_2 ? pellorin::HttpVersion::http2 : pellorin::HttpVersion::http1_1;
+    });
+}
+
+int32_t PLNPellorinClient_setIdleTimeout(PLNPellorinClient* client, double seconds) {
+    return configure(client, [&](pellorin::SessionConfiguration& configuration) {
+        if (!std::isfinite(seconds) || seconds <= 0) {
+            invalidArgument("idle time-out must be a finite number of seconds above 0");
+        }
+        configuration.timeoutIntervalForRequest = seconds;
+    });
+}
+
+int32_t PLNPellorinClient_setMinimumTLSVersion(PLNPellorinClient* client, int32_t version) {
+    return configure(client, [&](pellorin::SessionConfiguration& configuration) {
+        if (version < 0x0301 || version > 0x0304) {
+            invalidArgument("TLS version must be 0x0301 to 0x0304, not " + std::to_string(version));
+        }
+        configuration.minimumTLSVersion = static_cast<pellorin::TLSVersion>(version);
+    });
+}
+
+int32_t PLNPellorinClient_uploadPartRequest(PLNPellorinClient* client,
+                                            const PLNFilePartRequest* part) {
+    return guardedStatus([&] {
+        PLNPellorinClient& handle = handleOf(client);
+        if (part == nullptr) {
+            invalidArgument("part is NULL");
+        }
+        // Checked and handed over under the lock, so a wait cannot start in between and miss it.
+        std::lock_guard lock(handle.mutex);
+        if (handle.phase == Phase::waiting) {
+            wrongState("transfer already running");
+        }
+        if (handle.phase == Phase::finished) {
+            wrongState("transfer already finished; a client runs one transfer");
+        }
+        if (handle.cancelled) {
+            wrongState("client cancelled");
+        }
+        handle.client->uploadPartRequest(partRequestOf(*part));
+        return PLN_OK;
+    });
 }
 
 int32_t PLNPellorinClient_waitUntilFinished(PLNPellorinClient* client) {
-    return client != nullptr ? client->client->waitUntilFinished() : 0;
-}
-
-void PLNPellorinClient_invalidateAndCancel(PLNPellorinClient* client) {
-    if (client != nullptr) {
-        client->client->invalidateAndCancel();
-    }
-}
-
-void PLNPellorinClient_release(PLNPellorinClient* client) {
-    std::unique_ptr<PLNPellorinClient> owned(client);
-}
-
-PLNFilePartRequest* PLNFilePartRequest_make(const char* filePath, uint64_t partNumber,
-                                            uint64_t offset, uint64_t length, const char* url,
-                                            const char* method, const PLNHeader* headers,
-                                            size_t headerCount) {
-    return guarded([&] {
-        std::optional<pellorin::FilePartRequest::Headers> dictionary;
-        if (headers != nullptr) {
-            dictionary.emplace();
-            for (size_t i = 0; i < headerCount; ++i) {
-                (*dictionary)[required(headers[i].name, "header name")] =
-                    required(headers[i].value, "header value");
-            }
+    return guardedStatus([&] {
+        PLNPellorinClient& handle = handleOf(client);
+        if (handle.fanOut->isDelivering()) {
+            wrongState("waitUntilFinished cannot run inside the client's callbacks");
         }
-        auto part = std::make_unique<PLNFilePartRequest>();
-        part->request = pellorin::FilePartRequest::make(
-            required(filePath, "filePath"), partNumber, offset, length, parseUrl(url),
-            required(method, "method"), std::move(dictionary));
-        return part.release();
+        {
+            std::lock_guard lock(handle.mutex);
+            if (handle.phase == Phase::waiting) {
+                wrongState("transfer already running");
+            }
+            if (handle.phase == Phase::finished) {
+                return handle.status;
+            }
+            if (handle.configuration) {
+                handle.client->setSessionConfigurationSupplier(
+                    [configuration = *handle.configuration] { return configuration; });
+            }
+            handle.phase = Phase::waiting;
+        }
+        const int32_t status = handle.client->waitUntilFinished();
+        std::lock_guard lock(handle.mutex);
+        handle.phase = Phase::finished;
+        handle.status = status;
+        return status;
     });
 }
 
-PLNFilePartRequest* PLNFilePartRequest_makeWithHeadersArray(
-    const char* filePath, uint64_t partNumber, uint64_t offset, uint64_t length, const char* url,
-    const char* method, const PLNHeader* headersArray, size_t headerCount) {
-    return guarded([&] {
-        std::optional<pellorin::FilePartRequest::HeadersArray> array;
-        if (headersArray != nullptr) {
-            array.emplace();
-            for (size_t i = 0; i < headerCount; ++i) {
-                std::map<std::string, std::string> element;
-                if (headersArray[i].name != nullptr) {
-                    element["name"] = headersArray[i].name;
-                }
-                if (headersArray[i].value != nullptr) {
-                    element["value"] = headersArray[i].value;
-                }
-                array->push_back(std::move(element));
-            }
+int32_t PLNPellorinClient_invalidateAndCancel(PLNPellorinClient* client) {
+    return guardedStatus([&] {
+        PLNPellorinClient& handle = handleOf(client);
+        std::lock_guard lock(handle.mutex);
+        if (!handle.cancelled) {
+            handle.cancelled = true;
+            handle.client->invalidateAndCancel();
         }
-        auto part = std::make_unique<PLNFilePartRequest>();
-        part->request = pellorin::FilePartRequest::makeWithHeadersArray(
-            required(filePath, "filePath"), partNumber, offset, length, parseUrl(url),
-            required(method, "method"), array);
-        return part.release();
+        return PLN_OK;
     });
 }
 
-void PLNFilePartRequest_release(PLNFilePartRequest* part) {
-    std::unique_ptr<PLNFilePartRequest> owned(part);
+int32_t PLNPellorinClient_release(PLNPellorinClient* client) {
+    return guardedStatus([&] {
+        if (client == nullptr) {
+            return PLN_OK;
+        }
+        if (client->fanOut->isDelivering()) {
+            wrongState("a client cannot be released inside its own callbacks");
+        }
+        {
+            std::lock_guard lock(client->mutex);
+            if (client->phase == Phase::waiting) {
+                wrongState("a client cannot be released while waitUntilFinished runs");
+            }
+        }
+        client->fanOut->detach();
+        std::unique_ptr<PLNPellorinClient> owned(client);
+        return PLN_OK;
+    });
 }
 
 }  // extern "C"

@@ -209,6 +209,7 @@ std::optional<PlatformError> CurlTransfer::Impl::configure() {
     set(CURLOPT_UPLOAD_BUFFERSIZE, kUploadBufferSize);
     set(CURLOPT_TCP_NODELAY, 1L);
     set(CURLOPT_FOLLOWLOCATION, 0L);
+    set(CURLOPT_SUPPRESS_CONNECT_HEADERS, 1L);
     // The idle time-out is watched by run() to the millisecond; libcurl's own low-speed check
     // stays as a backstop.
     set(CURLOPT_LOW_SPEED_LIMIT, 1L);

@@ -48,6 +48,12 @@ class InputStream : public std::enable_shared_from_this<InputStream> {
     // Direct access to an internal buffer; streams of this library have none.
     virtual bool getBuffer(uint8_t** /*buffer*/, int64_t* /*length*/) { return false; }
     virtual bool hasBytesAvailable() const = 0;
+    // Restarts the body from its beginning, as if freshly opened: the next read serves the first
+    // byte again, with a fresh digest and fresh byte counts, and no event is posted. False when
+    // the stream cannot start again (the caller must then give up the request). Called on the
+    // stream's reading thread (the transfer thread), between reads, when a request has to be
+    // sent again. Streams that cannot restart keep this default.
+    virtual bool rewind() { return false; }
     virtual StreamStatus streamStatus() const = 0;
 
     virtual StreamDelegate* delegate() const = 0;

@@ -1,4 +1,4 @@
-// Symbol visibility for the shared library: everything is hidden unless marked PELLORIN_EXPORT.
+/* Symbol visibility for the shared library: everything is hidden unless marked PELLORIN_EXPORT. */
 #pragma once
 
 #if defined(PELLORIN_BUILDING_LIBRARY)

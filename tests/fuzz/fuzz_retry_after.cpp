@@ -1,11 +1,10 @@
 // libFuzzer target for the "Retry-After" parser. Any text must parse or be refused without a
-// fault. The parser is held against a grammar of plain decimal numbers and strtod in the C
-// locale: what it accepts is such a number with strtod's value, and it accepts every such
-// number that strtod reads without range error. Built and run by bench/fuzz; its corpus is
-// replayed by CTest.
+// fault. The parser is held against a grammar of plain decimal and hexadecimal numbers and strtod
+// in the C locale: what it accepts is such a number with strtod's value, and it accepts every
+// such number whose value strtod reads as finite (an underflow to 0 included). Built and run by
+// bench/fuzz; its corpus is replayed by CTest.
 //
 // Library sources: PellorinClient/Sources/client/RetryAfter.cpp
-#include <cerrno>
 #include <cmath>
 #include <cstdint>
 #include <cstdlib>
@@ -20,29 +19,43 @@ bool isDigit(char c) {
     return c >= '0' && c <= '9';
 }
 
+bool isHexDigit(char c) {
+    return isDigit(c) || (c >= 'a' && c <= 'f') || (c >= 'A' && c <= 'F');
+}
+
 // [+|-] (digits [. digits*] | . digits) [(e|E) [+|-] digits]
-bool isPlainDecimal(std::string_view text) {
+// [+|-] 0(x|X) (hexdigits [. hexdigits*] | . hexdigits) [(p|P) [+|-] digits]
+bool isPlainNumber(std::string_view text) {
     size_t i = 0;
-    const auto digits = [&] {
+    const auto run = [&](bool (*member)(char)) {
         const size_t start = i;
-        while (i < text.size() && isDigit(text[i]))
+        while (i < text.size() && member(text[i]))
             ++i;
         return i - start;
     };
-    if (i < text.size() && (text[i] == '+' || text[i] == '-'))
-        ++i;
-    size_t mantissa = digits();
+    const auto sign = [&] {
+        if (i < text.size() && (text[i] == '+' || text[i] == '-'))
+            ++i;
+    };
+    sign();
+    bool (*mantissaDigit)(char) = isDigit;
+    char exponentMark = 'e';
+    if (i + 1 < text.size() && text[i] == '0' && (text[i + 1] == 'x' || text[i + 1] == 'X')) {
+        i += 2;
+        mantissaDigit = isHexDigit;
+        exponentMark = 'p';
+    }
+    size_t mantissa = run(mantissaDigit);
     if (i < text.size() && text[i] == '.') {
         ++i;
-        mantissa += digits();
+        mantissa += run(mantissaDigit);
     }
     if (mantissa == 0)
         return false;
-    if (i < text.size() && (text[i] == 'e' || text[i] == 'E')) {
+    if (i < text.size() && (text[i] | 0x20) == exponentMark) {
         ++i;
-        if (i < text.size() && (text[i] == '+' || text[i] == '-'))
-            ++i;
-        if (digits() == 0)
+        sign();
+        if (run(isDigit) == 0)
             return false;
     }
     return i == text.size();
@@ -53,20 +66,19 @@ bool isPlainDecimal(std::string_view text) {
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     const std::string_view text(reinterpret_cast<const char*>(data), size);
     const auto parsed = pellorin::client::parseRetryAfterSeconds(text);
-    if (!isPlainDecimal(text)) {
+    if (!isPlainNumber(text)) {
         if (parsed) {
             std::abort();  // accepted something that is not a number of seconds
         }
         return 0;
     }
     const std::string copy(text);  // strtod needs a terminator
-    errno = 0;
     const double reference = std::strtod(copy.c_str(), nullptr);
-    const bool inRange = errno != ERANGE && std::isfinite(reference);
-    if (parsed && (!std::isfinite(*parsed) || (inRange && *parsed != reference))) {
+    const bool finite = std::isfinite(reference);
+    if (parsed && (!finite || *parsed != reference)) {
         std::abort();
     }
-    if (!parsed && inRange) {
+    if (!parsed && finite) {
         std::abort();  // refused a plain number that strtod reads
     }
     return 0;

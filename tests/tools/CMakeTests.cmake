@@ -5,12 +5,14 @@ if(TARGET pellorin_host AND TARGET tests_tools)
   target_link_libraries(tests_tools PRIVATE pellorin_host)
 endif()
 
-# <pellorin/pellorin.h> must stay valid C: compiling one C file against it is the check.
+# <pellorin/pellorin.h> must stay valid C, down to C90: compiling one C file against it is the check.
 add_library(pellorin_c_header_check OBJECT ${CMAKE_CURRENT_LIST_DIR}/CHeaderCheck.c)
 target_include_directories(pellorin_c_header_check PRIVATE ${CMAKE_SOURCE_DIR}/include)
-set_target_properties(pellorin_c_header_check PROPERTIES C_STANDARD 99 C_STANDARD_REQUIRED ON)
+set_target_properties(pellorin_c_header_check PROPERTIES C_STANDARD 90 C_STANDARD_REQUIRED ON
+                      C_EXTENSIONS OFF)
 
-# End-to-end tests in Python (standard library only): the binary, and the C interface via ctypes.
+# End-to-end tests in Python: the binary and the C interface via ctypes (standard library only),
+# and the Python module (pytest).
 find_package(Python3 COMPONENTS Interpreter)
 if(Python3_FOUND AND TARGET pellorin_cli)
   add_test(NAME cli.end_to_end
@@ -34,5 +36,27 @@ if(Python3_FOUND AND TARGET pellorin_cli)
                      --library $<TARGET_FILE:pellorin> --binary $<TARGET_FILE:pellorin_cli>)
     set_tests_properties(cli.c_interface PROPERTIES TIMEOUT 60
                          ENVIRONMENT "${c_interface_environment}")
+
+    # The Python module (python/), with pytest: the found interpreter when it has pytest, else
+    # the system's (where the distribution's python3-pytest lives).
+    set(pytest_interpreter "")
+    foreach(candidate ${Python3_EXECUTABLE} /usr/bin/python3)
+      if(NOT pytest_interpreter AND EXISTS ${candidate})
+        execute_process(COMMAND ${candidate} -c "import pytest" RESULT_VARIABLE no_pytest
+                        OUTPUT_QUIET ERROR_QUIET)
+        if(NOT no_pytest)
+          set(pytest_interpreter ${candidate})
+        endif()
+      endif()
+    endforeach()
+    if(pytest_interpreter)
+      add_test(NAME python.module
+               COMMAND ${pytest_interpreter} -m pytest -q -p no:cacheprovider
+                       ${CMAKE_SOURCE_DIR}/python/tests)
+      set_tests_properties(python.module PROPERTIES TIMEOUT 60 ENVIRONMENT
+        "PELLORIN_LIBRARY=$<TARGET_FILE:pellorin>;PELLORIN_BINARY=$<TARGET_FILE:pellorin_cli>;${c_interface_environment}")
+    else()
+      message(STATUS "pytest not found: the Python module's tests are left out")
+    endif()
   endif()
 endif()

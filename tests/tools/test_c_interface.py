@@ -1,12 +1,16 @@
 #!/usr/bin/env python3
 """The C interface (<pellorin/pellorin.h>) driven from Python's ctypes: a real upload to
-`pellorin serve` on 127.0.0.1, every event seen as JSON, the copy byte-identical; bad arguments
-give NULL and a reason; cancelling fails the parts still waiting. Standard library only."""
+`pellorin serve` on 127.0.0.1, every event seen as JSON, the copy byte-identical; every refusal
+gives a code and a reason, never a stop or a hang; parts handed in during the wait are refused;
+cancelling fails the parts still waiting; session settings and reservation files take effect.
+Standard library only."""
 
 import argparse
 import ctypes
 import json
+import math
 import os
+import socket
 import sys
 import tempfile
 import threading
@@ -35,23 +39,50 @@ class Delegate(ctypes.Structure):
 
 def load():
     lib = ctypes.CDLL(LIBRARY)
-    lib.PLNLastError.restype = ctypes.c_char_p
-    lib.PLNPellorinClient_versionString.restype = ctypes.c_char_p
-    lib.PLNPellorinClient_standardClient.restype = ctypes.c_void_p
-    lib.PLNPellorinClient_standardClient.argtypes = [ctypes.POINTER(ctypes.c_uint64),
-                                                     ctypes.c_uint8, ctypes.c_uint8]
-    lib.PLNPellorinClient_addDelegate.argtypes = [ctypes.c_void_p, ctypes.POINTER(Delegate)]
-    lib.PLNPellorinClient_uploadPartRequest.argtypes = [ctypes.c_void_p, ctypes.c_void_p]
-    lib.PLNPellorinClient_waitUntilFinished.argtypes = [ctypes.c_void_p]
-    lib.PLNPellorinClient_waitUntilFinished.restype = ctypes.c_int32
-    lib.PLNPellorinClient_invalidateAndCancel.argtypes = [ctypes.c_void_p]
-    lib.PLNPellorinClient_release.argtypes = [ctypes.c_void_p]
-    for make in (lib.PLNFilePartRequest_make, lib.PLNFilePartRequest_makeWithHeadersArray):
-        make.restype = ctypes.c_void_p
-        make.argtypes = [ctypes.c_char_p, ctypes.c_uint64, ctypes.c_uint64, ctypes.c_uint64,
-                         ctypes.c_char_p, ctypes.c_char_p, ctypes.POINTER(Header), ctypes.c_size_t]
-    lib.PLNFilePartRequest_release.argtypes = [ctypes.c_void_p]
+    c = ctypes
+    signatures = {
+        "PLNLastError": (c.c_char_p, []),
+        "PLNPellorinClient_versionString": (c.c_char_p, []),
+        "PLNPellorinClient_standardClient": (c.c_void_p, [c.POINTER(c.c_uint64), c.c_uint8,
+                                                          c.c_uint8]),
+        "PLNPellorinClient_addDelegate": (c.c_int32, [c.c_void_p, c.POINTER(Delegate)]),
+        "PLNPellorinClient_removeDelegate": (c.c_int32, [c.c_void_p, c.POINTER(Delegate)]),
+        "PLNPellorinClient_setCAFile": (c.c_int32, [c.c_void_p, c.c_char_p]),
+        "PLNPellorinClient_setCADirectory": (c.c_int32, [c.c_void_p, c.c_char_p]),
+        "PLNPellorinClient_setProxy": (c.c_int32, [c.c_void_p, c.c_char_p]),
+        "PLNPellorinClient_setHttpVersion": (c.c_int32, [c.c_void_p, c.c_int32]),
+        "PLNPellorinClient_setIdleTimeout": (c.c_int32, [c.c_void_p, c.c_double]),
+        "PLNPellorinClient_setMinimumTLSVersion": (c.c_int32, [c.c_void_p, c.c_int32]),
+        "PLNPellorinClient_uploadPartRequest": (c.c_int32, [c.c_void_p, c.c_void_p]),
+        "PLNPellorinClient_waitUntilFinished": (c.c_int32, [c.c_void_p]),
+        "PLNPellorinClient_invalidateAndCancel": (c.c_int32, [c.c_void_p]),
+        "PLNPellorinClient_release": (c.c_int32, [c.c_void_p]),
+        "PLNFilePartRequest_release": (None, [c.c_void_p]),
+        "PLNReservationFile_read": (c.c_void_p, [c.c_char_p]),
+        "PLNReservationFile_count": (c.c_size_t, [c.c_void_p]),
+        "PLNReservationFile_partRequest": (c.c_void_p, [c.c_void_p, c.c_size_t]),
+        "PLNReservationFile_release": (None, [c.c_void_p]),
+        "PLNReservation_createTestFile": (c.c_int32, [c.c_char_p] * 6 + [c.c_double]),
+        "PLNLogging_setLevel": (c.c_int32, [c.c_int32]),
+    }
+    for make in ("PLNFilePartRequest_make", "PLNFilePartRequest_makeWithHeadersArray"):
+        signatures[make] = (c.c_void_p, [c.c_char_p, c.c_uint64, c.c_uint64, c.c_uint64,
+                                         c.c_char_p, c.c_char_p, c.POINTER(Header), c.c_size_t])
+    for name, (restype, argtypes) in signatures.items():
+        getattr(lib, name).restype = restype
+        getattr(lib, name).argtypes = argtypes
     return lib
+
+
+INVALID, STATE, IO, TIMEOUT = -1, -2, -3, -4
+RESERVATION_PATH = "/Servlane/KvLabelService.svl/json/KvTarnProducerService"
+
+
+def closed_port():
+    """A loopback port nobody listens on (bound, then closed)."""
+    with socket.socket() as s:
+        s.bind(("127.0.0.1", 0))
+        return s.getsockname()[1]
 
 
 def headers(*pairs):
@@ -148,20 +179,207 @@ class CInterface(unittest.TestCase):
                          (4, size, 0))
         self.assertEqual(sha256(os.path.join(self.received, "copy.bin")), sha256(source))
 
-    def test_bad_arguments_give_null_and_a_reason(self):
-        make = self.lib.PLNFilePartRequest_make
-        self.assertFalse(make(b"/a", 1, 0, 1, b"not a url", b"PUT", None, 0))
-        self.assertIn(b"not an absolute URL", self.lib.PLNLastError())
-        self.assertFalse(make(None, 1, 0, 1, b"http://h/", b"PUT", None, 0))
-        self.assertIn(b"filePath is NULL", self.lib.PLNLastError())
+    def test_every_refusal_gives_a_code_and_a_reason(self):
+        lib = self.lib
+        client = lib.PLNPellorinClient_standardClient(None, 1, 0)
+        largest = (2**64 - 1) // 1000
+        rate = {v: ctypes.c_uint64(v) for v in (0, largest, largest + 1)}
+        part = lib.PLNFilePartRequest_make(b"/a", 1, 0, 1, b"http://h/", b"PUT", None, 0)
+        other = Recorder().table
         array, count = headers((None, "v"))
-        self.assertFalse(make(b"/a", 1, 0, 1, b"http://h/", b"PUT", array, count))
-        self.assertIn(b"header name is NULL", self.lib.PLNLastError())
-        request = make(b"/a", 1, 0, 1, b"http://h/", b"PUT", None, 0)
-        self.assertTrue(request)
-        self.assertEqual(self.lib.PLNLastError(), b"")
-        self.lib.PLNFilePartRequest_release(request)
-        self.assertTrue(self.lib.PLNPellorinClient_versionString())
+        # (call, expected result: a code, or None for NULL, a fragment of PLNLastError)
+        cases = [
+            (lambda: lib.PLNPellorinClient_standardClient(None, 0, 1), None,
+             b"maxConnections must be at least 1"),
+            (lambda: lib.PLNPellorinClient_standardClient(ctypes.byref(rate[largest + 1]), 1,
+                                                          1), None, b"out of range"),
+            (lambda: lib.PLNPellorinClient_standardClient(ctypes.byref(rate[0]), 1, 1), None,
+             b"out of range"),
+            (lambda: lib.PLNPellorinClient_waitUntilFinished(None), INVALID, b"client is NULL"),
+            (lambda: lib.PLNPellorinClient_uploadPartRequest(None, part), INVALID,
+             b"client is NULL"),
+            (lambda: lib.PLNPellorinClient_uploadPartRequest(client, None), INVALID,
+             b"part is NULL"),
+            (lambda: lib.PLNPellorinClient_invalidateAndCancel(None), INVALID, b"client is NULL"),
+            (lambda: lib.PLNPellorinClient_addDelegate(client, None), INVALID,
+             b"delegate is NULL"),
+            (lambda: lib.PLNPellorinClient_removeDelegate(client, ctypes.byref(other)), INVALID,
+             b"no such delegate"),
+            (lambda: lib.PLNPellorinClient_setIdleTimeout(client, 0), INVALID, b"above 0"),
+            (lambda: lib.PLNPellorinClient_setIdleTimeout(client, math.nan), INVALID, b"finite"),
+            (lambda: lib.PLNPellorinClient_setHttpVersion(client, 3), INVALID, b"PLN_HTTP_2"),
+            (lambda: lib.PLNPellorinClient_setMinimumTLSVersion(client, 0x0305), INVALID,
+             b"0x0301 to 0x0304"),
+            (lambda: lib.PLNPellorinClient_setCAFile(client, b"/nonexistent/ca.pem"), INVALID,
+             b"CA file is not a file"),
+            (lambda: lib.PLNPellorinClient_setCADirectory(client, LIBRARY.encode()), INVALID,
+             b"CA folder is not a folder"),
+            (lambda: lib.PLNPellorinClient_setProxy(client, b"no proxy"), INVALID,
+             b"proxy is not an absolute URL"),
+            (lambda: lib.PLNFilePartRequest_make(b"/a", 1, 0, 1, b"not a url", b"PUT", None, 0),
+             None, b"not an absolute URL"),
+            (lambda: lib.PLNFilePartRequest_make(None, 1, 0, 1, b"http://h/", b"PUT", None, 0),
+             None, b"filePath is NULL"),
+            (lambda: lib.PLNFilePartRequest_make(b"", 1, 0, 1, b"http://h/", b"PUT", None, 0),
+             None, b"filePath is empty"),
+            (lambda: lib.PLNFilePartRequest_make(b"/a", 1, 0, 1, b"http://h/", b"PUT", array,
+                                                 count), None, b"header name is NULL"),
+            (lambda: lib.PLNReservationFile_read(None), None, b"path is NULL"),
+            (lambda: lib.PLNReservationFile_partRequest(None, 0), None, b"reservation is NULL"),
+            (lambda: lib.PLNLogging_setLevel(7), INVALID, b"PLN_LOG_CRITICAL"),
+        ]
+        for index, (call, expected, reason) in enumerate(cases):
+            with self.subTest(index=index, reason=reason):
+                result = call()
+                self.assertEqual(result, expected)
+                self.assertIn(reason, self.lib.PLNLastError())
+        # The largest rate that fits is accepted, and a good call clears the reason.
+        fast = lib.PLNPellorinClient_standardClient(ctypes.byref(rate[largest]), 1, 1)
+        self.assertTrue(fast)
+        self.assertEqual(lib.PLNLastError(), b"")
+        for handle in (fast, client, None):
+            self.assertEqual(lib.PLNPellorinClient_release(handle), 0)
+        lib.PLNFilePartRequest_release(part)
+        self.assertTrue(lib.PLNPellorinClient_versionString())
+
+    def test_calls_during_the_wait_are_refused_not_hung(self):
+        """A part handed in from a callback or from another thread while the transfer runs is
+        refused, as are the calls that would wait for the callback they come from; the
+        transfer ends normally and the refused part never reaches the server."""
+        rate = ctypes.c_uint64(400)  # KB/s: the transfer lasts about a second
+        client = self.lib.PLNPellorinClient_standardClient(ctypes.byref(rate), 1, 0)
+        recorder = Recorder()
+        self.lib.PLNPellorinClient_addDelegate(client, ctypes.byref(recorder.table))
+        extra = self.lib.PLNFilePartRequest_make(
+            self.submit(client, "slow.bin", 3 * 256 * 1024, 256 * 1024).encode(), 9, 0, 1,
+            f"{self.server.base}/upload/extra.bin?offset=0".encode(), b"PUT", None, 0)
+        outcomes = {}
+        started = threading.Event()
+
+        def record(name, call):
+            outcomes[name] = (call(), self.lib.PLNLastError())
+
+        def in_callback(_c, handle, _text):
+            if started.is_set():
+                return
+            record("upload from callback",
+                   lambda: self.lib.PLNPellorinClient_uploadPartRequest(handle, extra))
+            record("wait from callback",
+                   lambda: self.lib.PLNPellorinClient_waitUntilFinished(handle))
+            record("release from callback", lambda: self.lib.PLNPellorinClient_release(handle))
+            record("add from callback", lambda: self.lib.PLNPellorinClient_addDelegate(
+                handle, ctypes.byref(recorder.table)))
+            started.set()
+
+        table = Delegate()
+        table.didStartPart = EVENT(in_callback)
+        self.lib.PLNPellorinClient_addDelegate(client, ctypes.byref(table))
+
+        def from_thread():
+            if started.wait(10):
+                record("upload from thread",
+                       lambda: self.lib.PLNPellorinClient_uploadPartRequest(client, extra))
+                record("wait from thread",
+                       lambda: self.lib.PLNPellorinClient_waitUntilFinished(client))
+                record("settings from thread",
+                       lambda: self.lib.PLNPellorinClient_setIdleTimeout(client, 5))
+
+        other = threading.Thread(target=from_thread)
+        other.start()
+        self.assertEqual(self.wait(client), 0)
+        other.join(10)
+        record("upload after", lambda: self.lib.PLNPellorinClient_uploadPartRequest(client, extra))
+        record("wait after", lambda: self.lib.PLNPellorinClient_waitUntilFinished(client))
+        self.assertEqual(self.lib.PLNPellorinClient_release(client), 0)
+        self.lib.PLNFilePartRequest_release(extra)
+
+        self.assertEqual(outcomes, {
+            "upload from callback": (STATE, b"transfer already running"),
+            "wait from callback": (STATE, b"waitUntilFinished cannot run inside the client's "
+                                          b"callbacks"),
+            "release from callback": (STATE, b"a client cannot be released inside its own "
+                                             b"callbacks"),
+            "add from callback": (STATE, b"delegates cannot be added from inside the client's "
+                                         b"callbacks"),
+            "upload from thread": (STATE, b"transfer already running"),
+            "wait from thread": (STATE, b"transfer already running"),
+            "settings from thread": (STATE, b"session settings apply only before the transfer "
+                                            b"starts"),
+            "upload after": (STATE, b"transfer already finished; a client runs one transfer"),
+            "wait after": (0, b""),
+        })
+        self.assertEqual(sorted(m["partNumber"] for m in recorder.named("partDidComplete")),
+                         [1, 2, 3])
+        self.assertFalse(os.path.exists(os.path.join(self.received, "extra.bin")))
+
+    def test_removed_delegate_is_not_called_and_proxy_setting_applies(self):
+        """A proxy nobody answers on fails every part (the default ignores proxies, so the
+        setting took effect); a removed table hears nothing of it."""
+        client = self.lib.PLNPellorinClient_standardClient(None, 2, 0)
+        kept, removed = Recorder(), Recorder()
+        for recorder in (kept, removed, removed):
+            self.lib.PLNPellorinClient_addDelegate(client, ctypes.byref(recorder.table))
+        self.assertEqual(self.lib.PLNPellorinClient_removeDelegate(
+            client, ctypes.byref(removed.table)), 0)  # both copies go
+        proxy = f"http://127.0.0.1:{closed_port()}".encode()
+        self.assertEqual(self.lib.PLNPellorinClient_setProxy(client, proxy), 0)
+        self.assertEqual(self.lib.PLNPellorinClient_setIdleTimeout(client, 5), 0)
+        self.submit(client, "proxied.bin", 2 * 1024, 1024)
+        self.assertEqual(self.wait(client), 1)
+        self.lib.PLNPellorinClient_release(client)
+        self.assertEqual(sorted(m["partNumber"] for m in kept.named("partDidFail")), [1, 2])
+        self.assertEqual(removed.events, [])
+
+    def test_reservation_files(self):
+        """A test reservation made by the receiver's stand-in service is read into parts that
+        upload; faulty files are refused with the place of the fault; a service that never
+        answers gives a time-out instead of blocking."""
+        source = make_file(os.path.join(self.dir.name, "reserved.bin"), 300 * 1024)
+        reservation = os.path.join(self.dir.name, "reservation.json")
+        endpoint = (self.server.base + RESERVATION_PATH).encode()
+        self.assertEqual(self.lib.PLNReservation_createTestFile(
+            reservation.encode(), source.encode(), b"user", b"secret", None, endpoint, 10), 0,
+            self.lib.PLNLastError())
+        handle = self.lib.PLNReservationFile_read(reservation.encode())
+        self.assertTrue(handle, self.lib.PLNLastError())
+        client = self.lib.PLNPellorinClient_standardClient(None, 2, 0)
+        for index in range(self.lib.PLNReservationFile_count(handle)):
+            part = self.lib.PLNReservationFile_partRequest(handle, index)
+            self.assertEqual(self.lib.PLNPellorinClient_uploadPartRequest(client, part), 0)
+            self.lib.PLNFilePartRequest_release(part)
+        self.assertFalse(self.lib.PLNReservationFile_partRequest(handle, 99))
+        self.assertIn(b"past the last operation", self.lib.PLNLastError())
+        self.lib.PLNReservationFile_release(handle)
+        self.assertEqual(self.wait(client), 0)
+        self.lib.PLNPellorinClient_release(client)
+        self.assertEqual(sha256(os.path.join(self.received, "reserved.bin")), sha256(source))
+
+        operation = {"method": "PUT", "uri": "http://127.0.0.1:1/x", "partNumber": 1,
+                     "offset": -1, "length": 1, "expires": ""}
+        bad = os.path.join(self.dir.name, "bad.json")
+        for text, reason in [
+            (json.dumps([{"filePath": source, "operation": operation}]),
+             b"[0].operation.offset: must not be negative"),
+            (json.dumps([{"filePath": source, "operation": {**operation, "offset": 0,
+                                                              "method": "P T"}}]),
+             b"[0].operation.method: not an HTTP method name"),
+            ("null", b"reserves nothing (null)"), ("[]", b"reserves nothing ([])"),
+            ("[{", bad.encode())]:
+            with self.subTest(text=text):
+                with open(bad, "w") as f:
+                    f.write(text)
+                self.assertFalse(self.lib.PLNReservationFile_read(bad.encode()))
+                self.assertIn(reason, self.lib.PLNLastError())
+        self.assertFalse(self.lib.PLNReservationFile_read(b"/nonexistent/reservation.json"))
+        self.assertIn(b"cannot read reservation file", self.lib.PLNLastError())
+
+        silent = f"http://127.0.0.1:{closed_port()}{RESERVATION_PATH}".encode()
+        self.assertEqual(self.lib.PLNReservation_createTestFile(
+            reservation.encode(), source.encode(), b"user", b"secret", None, silent, 0.5),
+            TIMEOUT)
+        self.assertIn(b"no answer from", self.lib.PLNLastError())
+        self.assertEqual(self.lib.PLNReservation_createTestFile(
+            reservation.encode(), b"/nonexistent", b"user", b"secret", None, endpoint, 1), IO)
 
     def test_cancelling_fails_the_waiting_parts(self):
         rate = ctypes.c_uint64(200)  # KB/s: each part after the first takes more than a second
@@ -183,6 +401,7 @@ class CInterface(unittest.TestCase):
         self.assertEqual(len(failed) + len(recorder.named("partDidComplete")), 4)
         self.assertTrue(all(m["errors"] for m in failed))
         self.assertEqual(recorder.events[-1][2], 1)
+
 
 if __name__ == "__main__":
     parser = argparse.ArgumentParser()

@@ -92,12 +92,56 @@ void FilePartInputStream::setStatus(StreamStatus status) {
     postEvent(runLoop, event);  // does nothing without a queue
 }
 
+void FilePartInputStream::recordFailure(const SharedFileError& error) {
+    if (failed_.load(std::memory_order_relaxed)) {
+        return;
+    }
+    error_ = error;
+    if (error.kind != SharedFileError::Kind::SourceChanged) {
+        // A read that fails on a file cut short is the change, not an I/O fault.
+        try {
+            rcFile_->checkUnchanged();
+        } catch (const SharedFileError& changed) {
+            error_ = changed;
+        }
+    }
+    failed_.store(true, std::memory_order_release);
+}
+
+void FilePartInputStream::fail(const SharedFileError& error) {
+    recordFailure(error);
+    setStatus(StreamStatus::error);  // the stream way: -1 and the error status
+}
+
 void FilePartInputStream::open() {
     if (!holdsFileReference_) {
         rcFile_->open();
         holdsFileReference_ = true;
     }
+    try {
+        rcFile_->checkUnchanged();
+    } catch (const SharedFileError& error) {
+        fail(error);
+        return;
+    }
     setStatus(StreamStatus::open);
+}
+
+bool FilePartInputStream::rewind() {
+    if (!holdsFileReference_ || failed()) {
+        return false;
+    }
+    try {
+        rcFile_->checkUnchanged();
+    } catch (const SharedFileError& error) {
+        fail(error);
+        return false;
+    }
+    hasher_ = newDigest(hasher_->algorithm());
+    digest_.reset();
+    currentOffset_.store(offset_, std::memory_order_relaxed);
+    status_.store(StreamStatus::open);
+    return true;
 }
 
 void FilePartInputStream::close() {
@@ -152,6 +196,9 @@ int64_t FilePartInputStream::read(uint8_t* buffer, int64_t maxLength) {
     if (maxLength < 0) {
         fatalError("FilePartInputStream::read: negative length " + std::to_string(maxLength));
     }
+    if (failed()) {
+        return -1;  // the error status and its event were set by the failing call
+    }
     if (currentOffset_.load(std::memory_order_relaxed) >= maxOffset_) {
         setStatus(StreamStatus::atEnd);
         return 0;
@@ -160,17 +207,29 @@ int64_t FilePartInputStream::read(uint8_t* buffer, int64_t maxLength) {
     const int64_t count = countToRead(takePermits(maxLength));
     int64_t bytesRead;
     try {
-        bytesRead = rcFile_->read(buffer, currentOffset_.load(std::memory_order_relaxed), count);
-    } catch (const SharedFileError&) {
-        setStatus(StreamStatus::error);  // the stream way: -1 and the error status
-        return -1;
-    }
-    if (bytesRead > 0) {
-        hasher_->update({buffer, static_cast<size_t>(bytesRead)});
-        advance(bytesRead);
-        if (currentOffset_.load(std::memory_order_relaxed) >= maxOffset_) {
-            setStatus(StreamStatus::atEnd);
+        const uint64_t at = currentOffset_.load(std::memory_order_relaxed);
+        bytesRead = rcFile_->read(buffer, at, count);
+        if (bytesRead == 0 && count > 0) {
+            // The file ends before the range does: it was cut short since it was opened.
+            rcFile_->checkUnchanged();
+            throw SharedFileError{.kind = SharedFileError::Kind::ReadPastEnd,
+                                  .offset = at,
+                                  .length = count,
+                                  .fileSize = rcFile_->fileSize()};
         }
+        if (bytesRead > 0) {
+            hasher_->update({buffer, static_cast<size_t>(bytesRead)});
+            advance(bytesRead);
+            if (currentOffset_.load(std::memory_order_relaxed) >= maxOffset_) {
+                // Every byte served came from the file first opened only if it is still that
+                // file now that the last one has been read.
+                rcFile_->checkUnchanged();
+                setStatus(StreamStatus::atEnd);
+            }
+        }
+    } catch (const SharedFileError& error) {
+        fail(error);
+        return -1;
     }
     return bytesRead;
 }
@@ -183,13 +242,21 @@ std::optional<std::vector<uint8_t>> FilePartInputStream::read(int64_t length) {
         return std::nullopt;
     }
     const int64_t count = countToRead(takePermits(length));
-    std::optional<std::vector<uint8_t>> bytes =
-        rcFile_->read(currentOffset_.load(std::memory_order_relaxed), count);
-    if (bytes) {
-        hasher_->update(*bytes);
-        advance(static_cast<int64_t>(bytes->size()));
+    try {
+        std::optional<std::vector<uint8_t>> bytes =
+            rcFile_->read(currentOffset_.load(std::memory_order_relaxed), count);
+        if (bytes) {
+            hasher_->update(*bytes);
+            advance(static_cast<int64_t>(bytes->size()));
+            if (currentOffset_.load(std::memory_order_relaxed) >= maxOffset_) {
+                rcFile_->checkUnchanged();
+            }
+        }
+        return bytes;
+    } catch (const SharedFileError& error) {
+        recordFailure(error);
+        throw *error_;
     }
-    return bytes;
 }
 
 bool FilePartInputStream::getBuffer(uint8_t** /*buffer*/, int64_t* /*length*/) {
@@ -223,7 +290,7 @@ const std::vector<uint8_t>& FilePartInputStream::digestData() {
 
 ChecksumStatus FilePartInputStream::verifyRemoteChecksum(const std::string& remote) {
     std::string local = hexString(digestData());
-    if (equalIgnoringCase(local, remote)) {
+    if (!failed() && bytesRead() == length_ && equalIgnoringCase(local, remote)) {
         return ChecksumStatus::matched();
     }
     return ChecksumStatus::failed(std::move(local), remote);

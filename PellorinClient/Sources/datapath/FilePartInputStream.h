@@ -4,12 +4,18 @@
 //
 // Ownership: held as std::shared_ptr (event blocks hold it weakly). Holds its SharedFile and
 // RateLimiter strongly, owns its digest; the delegate is unretained. One stream serves one
-// attempt: a retry gets a new stream and a new digest.
+// attempt: a retry gets a new stream and a new digest; within one attempt rewind() restarts it
+// when the request has to be sent again.
+//
+// The file must not change under the upload: open(), the read that takes the last byte and
+// rewind() check that the shared file is still the version first opened (SharedFile::
+// checkUnchanged). A change fails the stream, for good; sourceChanged() then tells the client
+// that retrying the part cannot help, and verifyRemoteChecksum() never reports a match.
 // Threads: open/read/close run on the HTTP task's transfer thread, one reader at a time, and a
 // read may sleep there. Events go only to the SerialQueue the stream is scheduled on, as async
-// blocks, never from the reading thread. streamStatus(), bytesRead(), schedule(), remove() and
-// the delegate may be used from any thread. digestData() and verifyRemoteChecksum() are called
-// once reading is over.
+// blocks, never from the reading thread. streamStatus(), bytesRead(), schedule(), remove(),
+// failed(), sourceChanged(), error() and the delegate may be used from any thread. digestData()
+// and verifyRemoteChecksum() are called once reading is over.
 #pragma once
 
 #include <atomic>
@@ -56,7 +62,9 @@ class FilePartInputStream : public InputStream {
     // Gives back the file reference if the stream was opened and never closed.
     ~FilePartInputStream() override;
 
-    // Takes a reference on the shared file (once) and becomes open (event openCompleted).
+    // Takes a reference on the shared file (once) and becomes open (event openCompleted); when
+    // the file has changed since it was first opened, fails instead (status error, event
+    // errorOccurred).
     void open() override;
     // Gives back the file reference (if held) and becomes closed (no event). Accepted in every
     // status; the descriptor stays open, it belongs to the shared file.
@@ -65,9 +73,15 @@ class FilePartInputStream : public InputStream {
     // bytes, then preads at most the permitted and remaining bytes straight into `buffer` and
     // hashes them. Returns the count; 0 once the range is consumed (status atEnd, event
     // endEncountered, also set by the read that takes the last byte); -1 when the file read
-    // fails (status error, event errorOccurred; permits taken are not given back). A negative
-    // maxLength is a fatal stop. With a limiter a request of 0 is never granted: do not make one.
+    // fails or the read that takes the last byte finds the file changed (status error, event
+    // errorOccurred; permits taken are not given back). Once failed, every read returns -1.
+    // A negative maxLength is a fatal stop. With a limiter a request of 0 is never granted: do
+    // not make one.
     int64_t read(uint8_t* buffer, int64_t maxLength) override;
+    // Back to the part's offset with a fresh digest of the same algorithm, the status open (no
+    // event); the file is checked again first. False when the stream is not open, has failed,
+    // or finds the file changed (it then fails as a read would).
+    bool rewind() override;
     bool getBuffer(uint8_t** buffer, int64_t* length) override;
     // True when open or reading and bytes remain.
     bool hasBytesAvailable() const override;
@@ -81,14 +95,27 @@ class FilePartInputStream : public InputStream {
     void remove(const std::shared_ptr<SerialQueue>& queue, const std::string& mode) override;
 
     // As read(buffer, maxLength), but into a new buffer; leaves the status alone and lets a
-    // failed file read throw SharedFileError. Advances the position. No value once the range is
-    // consumed (or when the file yields nothing).
+    // failed file read or a changed file throw SharedFileError. Advances the position. No value
+    // once the range is consumed (or when the file yields nothing).
     std::optional<std::vector<uint8_t>> read(int64_t length);
 
     // The digest of the bytes served so far; finalised on first call, the same bytes afterwards.
     const std::vector<uint8_t>& digestData();
-    // Compares the local digest's hexadecimal form with `remote`, ignoring letter case.
+    // Compares the local digest's hexadecimal form with `remote`, ignoring letter case. Always
+    // `failed` when the stream failed or did not serve its whole range: only a body that was
+    // read to its end from an unchanged file can be certified.
     ChecksumStatus verifyRemoteChecksum(const std::string& remote);
+
+    // True once a read, open() or rewind() failed; error() then holds why.
+    bool failed() const { return failed_.load(std::memory_order_acquire); }
+    // True when the stream failed because the file changed since it was first opened (error()
+    // is then a SharedFileError of kind SourceChanged, whose description names the path): the
+    // part must fail, a retry would read the same changed file.
+    bool sourceChanged() const {
+        return failed() && error_->kind == SharedFileError::Kind::SourceChanged;
+    }
+    // The error the stream failed with; none while it has not failed.
+    std::optional<SharedFileError> error() const { return failed() ? error_ : std::nullopt; }
 
     uint64_t partNumber() const { return partNumber_; }
     uint64_t offset() const { return offset_; }
@@ -105,6 +132,11 @@ class FilePartInputStream : public InputStream {
     // The bytes to read next: the grant, cut at the end of the range.
     int64_t countToRead(int64_t granted) const;
     void advance(int64_t count);
+    // Keeps the first failure (a read error that comes with a changed file is kept as the
+    // change) and publishes it through failed_. Reading thread only.
+    void recordFailure(const SharedFileError& error);
+    // recordFailure, then the error status (event errorOccurred).
+    void fail(const SharedFileError& error);
 
     const uint64_t partNumber_;
     const uint64_t offset_;
@@ -122,6 +154,9 @@ class FilePartInputStream : public InputStream {
     std::minstd_rand random_;
     std::optional<std::vector<uint8_t>> digest_;
     bool holdsFileReference_ = false;
+    // Written once by the reading thread before failed_ is set; read by others after failed_.
+    std::optional<SharedFileError> error_;
+    std::atomic<bool> failed_{false};
 
     std::atomic<StreamStatus> status_{StreamStatus::notOpen};
     std::atomic<StreamDelegate*> delegate_{nullptr};

@@ -7,6 +7,8 @@
 // reference-count changes are serialised too, and refCount() sees every earlier open()/close().
 #pragma once
 
+#include <sys/stat.h>
+
 #include <cstdint>
 #include <mutex>
 #include <optional>
@@ -22,23 +24,47 @@ struct SharedFileError {
         SeekPastEnd,                // a read starts at or past the end: offset, fileSize
         ReadPastEnd,                // a read would end past the end: offset, length, fileSize
         CouldNotDetermineFileSize,  // seeking to the end failed when the file was opened
+        NotRegularFile,  // the path names a directory, FIFO, device or socket: filePath, detail
+        // The file is no longer the one first opened (rewritten, truncated, appended to,
+        // replaced or removed): filePath, detail. Permanent: reading it again cannot help.
+        SourceChanged,
     };
     Kind kind;
     int errnoValue = 0;
     uint64_t offset = 0;
     int64_t length = 0;
     uint64_t fileSize = 0;
+    std::string filePath{};  // NotRegularFile and SourceChanged only
+    std::string detail{};    // NotRegularFile and SourceChanged only
 
     // "IO(errno: 2, No such file or directory)", "SeekPastEnd(offset: 10, fileSize: 10)",
-    // "ReadPastEnd(offset: 9, length: 2, fileSize: 10)", "CouldNotDetermineFileSize".
+    // "ReadPastEnd(offset: 9, length: 2, fileSize: 10)", "CouldNotDetermineFileSize",
+    // "NotRegularFile(/in/pipe is a FIFO, not a regular file)",
+    // "SourceChanged(/in/f changed while it was being uploaded: size 300 -> 301)".
     std::string description() const;
+};
+
+// What tells one version of a file from another: its device and inode (a path now naming
+// another file), its size and its modification and change times in nanoseconds (a rewrite in
+// place, a truncation, an append).
+struct FileIdentity {
+    dev_t device = 0;
+    ino_t inode = 0;
+    uint64_t size = 0;
+    int64_t modifiedNanos = 0;
+    int64_t changedNanos = 0;
+
+    static FileIdentity of(const struct stat& info);
+    bool operator==(const FileIdentity&) const = default;
 };
 
 class SharedFile {
   public:
-    // Opens `filePath` read-only and takes its size once. Throws SharedFileError: IO when the
-    // file cannot be opened (EISDIR for a directory), CouldNotDetermineFileSize when its end cannot
-    // be found (the descriptor is closed again, so a failed open leaks nothing).
+    // Opens `filePath` read-only and takes its size and identity once. Only a regular file is
+    // accepted: anything else (directory, FIFO, device, socket) throws NotRegularFile without
+    // blocking, since the path is looked at first and then opened non-blocking, so that a FIFO
+    // without a writer cannot hold the caller. Throws IO when the file cannot be opened,
+    // CouldNotDetermineFileSize when its end cannot be found. A failed open leaks no descriptor.
     explicit SharedFile(std::string filePath);
     ~SharedFile();  // closes the descriptor
     SharedFile(const SharedFile&) = delete;
@@ -58,6 +84,11 @@ class SharedFile {
     // As above into a new buffer holding exactly the bytes read; no value when none were read.
     std::optional<std::vector<uint8_t>> read(uint64_t offset, int64_t length);
 
+    // Throws SourceChanged unless both the open descriptor and the path still show the identity
+    // taken at creation: the same device, inode, size, modification and change times. Any
+    // thread; two system calls, no lock.
+    void checkUnchanged() const;
+
     int fd() const { return fd_; }
     const std::string& filePath() const { return filePath_; }
     uint64_t fileSize() const { return fileSize_; }
@@ -71,6 +102,7 @@ class SharedFile {
     int fd_ = -1;
     const std::string filePath_;
     uint64_t fileSize_ = 0;
+    FileIdentity identity_;
 
     std::mutex readMutex_;  // serialises the reads of this file
 
