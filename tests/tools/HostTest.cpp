@@ -8,12 +8,18 @@
 #include <fstream>
 #include <sstream>
 
+#include "pellorin/EventLog.h"
+#include "pellorin/FailureVerdict.h"
 #include "pellorin/HostError.h"
 #include "pellorin/Journal.h"
+#include "pellorin/NetworkOptions.h"
 #include "pellorin/PartPlan.h"
 #include "pellorin/ProgressLine.h"
+#include "pellorin/Redaction.h"
 #include "pellorin/TransferObserver.h"
+#include "pellorin/TransferRounds.h"
 #include "pellorin/Units.h"
+#include "pellorin/UrlTemplate.h"
 #include "support/TempDir.h"
 
 namespace pellorin::host {
@@ -36,13 +42,20 @@ std::string errorOf(const std::filesystem::path& path) {
 }
 
 TEST(HostUnitsTest, SizesParseAndPrint) {
-    EXPECT_EQ(parseByteSize("8MiB"), 8u << 20);
-    EXPECT_EQ(parseByteSize("1.5KiB"), 1536u);
-    EXPECT_EQ(parseByteSize("100KB"), 100000u);
-    EXPECT_EQ(parseByteSize("18446744073709551615"), UINT64_MAX);
-    for (const char* bad :
-         {"", "MiB", "-1", "8XB", "1.5.5", "18446744073709551616", "16EiB", "20000000TiB"}) {
-        EXPECT_FALSE(parseByteSize(bad).has_value()) << bad;
+    const std::pair<const char*, uint64_t> sizes[] = {
+        {"8MiB", 8u << 20}, {"1.5KiB", 1536},
+        {"100KB", 100000},  {"500k", 500000},
+        {"10M", 10000000},  {"80Mbit", 10000000},
+        {"2Ki", 2048},      {"18446744073709551615", UINT64_MAX},
+    };
+    for (const auto& [text, bytes] : sizes) {
+        EXPECT_EQ(parseByteSize(text), bytes) << text;
+    }
+    EXPECT_EQ(parseByteRate("1.5MB/s"), 1500000u);
+    EXPECT_EQ(parseByteRate("80Mbitps"), 10000000u);
+    for (const char* bad : {"", "MiB", "-1", "8XB", "1.5.5", "18446744073709551616", "16EiB",
+                            "20000000TiB", "10M/h"}) {
+        EXPECT_FALSE(parseByteRate(bad).has_value()) << bad;
     }
     EXPECT_EQ(formatBytes(1023), "1023 B");
     EXPECT_EQ(formatBytes(uint64_t{256} << 20), "256 MiB");
@@ -74,22 +87,23 @@ TEST(HostUnitsTest, FilesAreCutIntoNumberedParts) {
     auto url = [](uint64_t offset) {
         return *Url::parse("http://h/x?o=" + std::to_string(offset));
     };
-    const auto parts = planFileParts("/d/f", 25, 10, url);
+    const auto parts = planFileParts("/d/f", SourceIdentity{.size = 25}, 10, url);
     ASSERT_EQ(parts.size(), 3u);
     EXPECT_EQ(parts[2].key, (PartKey{"/d/f", 3, 20, 5}));
     EXPECT_EQ(parts[2].url.absoluteString(), "http://h/x?o=20");
     EXPECT_EQ(totalLength(parts), 25u);
-    const auto empty = planFileParts("/d/e", 0, 10, url);
+    const auto empty = planFileParts("/d/e", SourceIdentity{}, 10, url);
     ASSERT_EQ(empty.size(), 1u);
     EXPECT_EQ(empty[0].key.length, 0u);
-    EXPECT_THROW(planFileParts("/d/f", 25, 0, url), InputError);
-    EXPECT_THROW(planFileParts("/d/f", kMaxPlannedParts + 1, 1, url), InputError);
+    EXPECT_THROW(planFileParts("/d/f", SourceIdentity{.size = 25}, 0, url), InputError);
+    EXPECT_THROW(planFileParts("/d/f", SourceIdentity{.size = kMaxPlannedParts + 1}, 1, url),
+                 InputError);
 }
 
 TEST(HostUnitsTest, ObserverCountsEachPartOnceAndJournalsIt) {
     testing::TempDir dir;
     auto url = [](uint64_t) { return *Url::parse("http://h/x"); };
-    const auto parts = planFileParts("/d/f", 300, 100, url);
+    const auto parts = planFileParts("/d/f", SourceIdentity{.size = 300}, 100, url);
     ProgressCounters counters(300, 3);
     auto journal = Journal::open(dir.path() / "journal");
     auto line = std::make_shared<StatusLine>(stderr, false);
@@ -122,29 +136,164 @@ TEST(HostUnitsTest, ObserverCountsEachPartOnceAndJournalsIt) {
     EXPECT_EQ(counters.doneBytes, 100u);
     EXPECT_EQ(counters.partsFailed, 1u);
     EXPECT_EQ(counters.sentBytes, 240u);
-    EXPECT_TRUE(journal->contains(parts[0].key));
-    EXPECT_FALSE(journal->contains(parts[1].key));
+    EXPECT_EQ(journal->check(parts[0]), Journal::Verdict::done);
+    EXPECT_EQ(journal->check(parts[1]), Journal::Verdict::absent);
+    ASSERT_EQ(observer.failures().size(), 1u);
+    EXPECT_EQ(observer.failures()[0].part.key.partNumber, 2u);
 }
 
-// A crash may leave half a line at the end: it is dropped, and the next entry starts a line.
-TEST(JournalTest, RecordedPartsAreFoundByTheNextRunWhateverACrashLeftBehind) {
+// A part counts as done only where place, destination and source identity all match; a crash may
+// leave half a line at the end, which is dropped so that the next entry starts a line.
+TEST(JournalTest, OnlyTheSamePartToTheSamePlaceFromTheSameFileCountsAsDone) {
     testing::TempDir dir;
     const auto path = dir.path() / "journal";
-    std::ofstream(path) << R"({"path":"/a","partNumber":1,"offset":0,"length":5,"eTag":"x"})"
-                        << "\n"
-                        << R"({"path":"/a","partNumber":2,"off)";
+    auto url = [](uint64_t offset) {
+        return *Url::parse("http://h/x?sig=s&o=" + std::to_string(offset));
+    };
+    const SourceIdentity source{1, 2, 20, 3};
+    const auto parts = planFileParts("/a", source, 10, url);
     {
         auto journal = Journal::open(path);
-        EXPECT_EQ(journal->size(), 1u);
-        journal->record(PartKey{"/a", 3, 10, 5}, "etag-3");
+        journal->record(parts[0], "etag-1");
     }
+    std::ofstream(path, std::ios::app) << R"({"path":"/a","partNumber":2,"off)";
     auto journal = Journal::open(path);
-    EXPECT_EQ(journal->size(), 2u);
-    EXPECT_TRUE(journal->contains(PartKey{"/a", 1, 0, 5}));
-    EXPECT_TRUE(journal->contains(PartKey{"/a", 3, 10, 5}));
-    EXPECT_FALSE(journal->contains(PartKey{"/a", 3, 10, 6}));  // same number, other range
+    EXPECT_EQ(journal->size(), 1u);
     EXPECT_EQ(contentsOf(path).find("off\""), std::string::npos);
-    EXPECT_NE(contentsOf(path).find(R"("eTag":"etag-3")"), std::string::npos);
+    EXPECT_EQ(contentsOf(path).find("sig=s"), std::string::npos);  // the signature stays out
+    EXPECT_EQ(journal->check(parts[0]), Journal::Verdict::done);
+    EXPECT_EQ(journal->check(parts[1]), Journal::Verdict::absent);
+    PlannedPart changed = parts[0];
+    changed.source.mtimeNs += 1;
+    EXPECT_EQ(journal->check(changed), Journal::Verdict::sourceChanged);
+    changed = parts[0];
+    changed.destination = "PUT http://h/elsewhere";
+    EXPECT_EQ(journal->check(changed), Journal::Verdict::destinationChanged);
+    changed = parts[0];
+    changed.key.length = 9;  // same number, other range
+    EXPECT_EQ(journal->check(changed), Journal::Verdict::absent);
+}
+
+TEST(HostOutputTest, UrlsLoseTheirSecretsAndServerTextItsControlCharacters) {
+    const std::pair<const char*, const char*> cases[] = {
+        {"PUT https://h/a?X-Sig=abc&e=1 failed", "PUT https://h/a?*** failed"},
+        {"proxy http://me:pw@p:3128/ and ftp://u@h", "proxy http://***@p:3128/ and ftp://***@h"},
+        {"\"https://h/p?t=1#frag\"", "\"https://h/p?***#frag\""},
+        {"no url here: a://", "no url here: a://"},
+        {"http://h/plain", "http://h/plain"},
+    };
+    for (const auto& [text, expected] : cases) {
+        EXPECT_EQ(redactUrls(text), expected) << text;
+    }
+    EXPECT_EQ(forTerminal("retry \x1b]0;owned\x07 in\t5\r\n"),
+              "retry \\x1B]0;owned\\x07 in\t5\\x0D\\x0A");
+    EXPECT_EQ(eventLine("part-failed", R"({"url":"https://h/?sig=1","n":2})"),
+              "{\"event\":\"part-failed\",\"url\":\"https://h/?***\",\"n\":2}\n");
+    setShowSecrets(true);
+    EXPECT_EQ(redactUrls("https://u:p@h/?s=1"), "https://u:p@h/?s=1");
+    setShowSecrets(false);
+}
+
+TEST(HostRoundsTest, OnlyPassingFailuresAreWorthAnotherRound) {
+    auto error = [](const std::string& domain, int64_t code, const std::string& message = "m") {
+        return std::make_shared<const ErrorMessage>(domain, code, message, std::nullopt);
+    };
+    const auto exceeded = error("PellorinClient", 1, "Exceeded retry count: 3");
+    const auto busy =
+        error("PellorinClient", 4,
+              "Remote server wants to retry after: 7.5 seconds, HTTP status code: 503");
+    const struct {
+        std::vector<std::shared_ptr<const ErrorMessage>> errors;
+        bool retryable;
+        double wait;
+    } cases[] = {
+        {{error("URLErrorDomain", URLError::cannotConnectToHost), exceeded}, true, 0},
+        {{error("URLErrorDomain", URLError::networkConnectionLost)}, true, 0},
+        {{busy, exceeded}, true, 7.5},
+        {{error("POSIXErrorDomain", EMFILE), exceeded}, true, 0},
+        {{error("PellorinClient", 5, "unhandled HTTP response code of: 404")}, false, 0},
+        {{error("PellorinClient", 2), exceeded}, false, 0},  // checksum mismatch
+        {{error("PellorinClient", 3)}, false, 0},            // no checksum
+        {{error("URLErrorDomain", URLError::serverCertificateUntrusted), exceeded}, false, 0},
+        {{error("URLErrorDomain", URLError::cancelled)}, false, 0},
+        {{error("POSIXErrorDomain", ENOENT)}, false, 0},
+        {{}, false, 0},
+    };
+    for (const auto& c : cases) {
+        const auto verdict = judgeFailure(c.errors);
+        const std::string first = c.errors.empty() ? "none" : c.errors[0]->message();
+        EXPECT_EQ(verdict.retryable, c.retryable) << first;
+        EXPECT_EQ(verdict.retryAfterSecs, c.wait) << first;
+    }
+    EXPECT_EQ(roundWait(2, 0), 1.0);
+    EXPECT_EQ(roundWait(4, 0), 4.0);
+    EXPECT_EQ(roundWait(30, 0), 60.0);
+    EXPECT_EQ(roundWait(2, 7.5), 7.5);
+    EXPECT_EQ(roundWait(2, 3600), 60.0);
+}
+
+TEST(HostNetworkTest, ProxyAndTrustComeFromTheEnvironmentAsCurlReadsIt) {
+    std::map<std::string, std::string> variables;
+    const Environment environment = [&](const char* name) -> std::optional<std::string> {
+        const auto it = variables.find(name);
+        return it == variables.end() ? std::nullopt : std::optional(it->second);
+    };
+    const Url http = *Url::parse("http://up.example.com/a");
+    const Url https = *Url::parse("https://up.example.com/a");
+    NetworkOptions none;
+    variables = {{"HTTP_PROXY", "http://caps:1"}};
+    EXPECT_EQ(proxyFor(http, none, environment), std::nullopt);  // capitals ignored for http
+    variables = {{"http_proxy", "http://p:1"}, {"HTTPS_PROXY", "http://s:2"}};
+    EXPECT_EQ(proxyFor(http, none, environment), "http://p:1");
+    EXPECT_EQ(proxyFor(https, none, environment), "http://s:2");
+    variables = {{"ALL_PROXY", "http://all:3"}, {"no_proxy", "localhost, .example.com"}};
+    EXPECT_EQ(proxyFor(https, none, environment), std::nullopt);
+    EXPECT_EQ(proxyFor(*Url::parse("https://example.community/"), none, environment),
+              "http://all:3");
+    variables = {{"https_proxy", "http://s:2"}, {"NO_PROXY", "*"}};
+    EXPECT_EQ(proxyFor(https, none, environment), std::nullopt);
+    NetworkOptions given;
+    given.proxy = "";
+    variables = {{"https_proxy", "http://s:2"}};
+    EXPECT_EQ(proxyFor(https, given, environment), std::nullopt);
+
+    testing::TempDir dir;
+    const auto bundle = dir.makeFile("ca.pem", 10, 1).string();
+    variables = {{"SSL_CERT_FILE", bundle},
+                 {"SSL_CERT_DIR", dir.path().string()},
+                 {"https_proxy", "127.0.0.1:3128"}};
+    const auto configuration = resolveSessionConfiguration(none, {https}, environment);
+    EXPECT_EQ(configuration.caFile, bundle);
+    EXPECT_EQ(configuration.caDirectory, dir.path().string());
+    EXPECT_EQ(configuration.proxy, "http://127.0.0.1:3128");
+    variables = {{"https_proxy", "http://s:2"}, {"no_proxy", "other.org"}};
+    EXPECT_THROW(
+        resolveSessionConfiguration(none, {https, *Url::parse("https://other.org/")}, environment),
+        InputError);
+    variables = {{"CURL_CA_BUNDLE", (dir.path() / "missing.pem").string()}};
+    EXPECT_THROW(resolveSessionConfiguration(none, {https}, environment), InputError);
+}
+
+TEST(HostTemplateTest, PlaceholdersAreFilledPerPart) {
+    EXPECT_EQ(expandUrlTemplate("http://h/{name}/{part}?o={offset}&n={length}", 3, 20, 5, "a b"),
+              "http://h/a%20b/3?o=20&n=5");
+    EXPECT_THROW(expandUrlTemplate("http://h/{size}", 1, 0, 1, "a"), InputError);
+    testing::TempDir dir;
+    const auto file = dir.makeFile("f.bin", 25, 1).string();
+    const auto parts = planTemplateParts(file, "http://h/{part}", 10, "POST", {"X-Token:  t"});
+    ASSERT_EQ(parts.size(), 3u);
+    EXPECT_EQ(parts[2].url.absoluteString(), "http://h/3");
+    EXPECT_EQ(parts[2].method, "POST");
+    EXPECT_EQ(parts[2].headers->at("X-Token"), "t");
+    for (const auto& [urlTemplate, method, header] :
+         {std::tuple{"http://h/same", "PUT", "X-A: 1"},
+          std::tuple{"http://h/{part}", "PATCH", "X-A: 1"},
+          std::tuple{"http://h/{part}", "PUT", "Host: h"},
+          std::tuple{"http://h/{part}", "PUT", "nocolon"},
+          std::tuple{"ftp://h/{part}", "PUT", "X-A: 1"}}) {
+        EXPECT_THROW(planTemplateParts(file, urlTemplate, 10, method, {header}), InputError)
+            << urlTemplate << " " << method << " " << header;
+    }
 }
 
 // A line that is not JSON is among the host's end-to-end cases.

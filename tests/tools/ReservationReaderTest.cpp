@@ -27,7 +27,7 @@ class ReservationReaderTest : public ::testing::Test {
 
     std::string errorOf(const std::string& text) const {
         try {
-            planReservation(text, "r.json");
+            planReservation(text, "r.json", dir.path());
         } catch (const InputError& error) {
             return error.what();
         }
@@ -41,7 +41,7 @@ class ReservationReaderTest : public ::testing::Test {
 TEST_F(ReservationReaderTest, PairsBecomePartsAsWritten) {
     const auto parts = planReservation(
         "[" + pair(1, 0, 200, R"(,"headers":{"X-Token":"t"})") + "," + pair(2, 200, 100) + "]",
-        "r.json");
+        "r.json", "/elsewhere");
     ASSERT_EQ(parts.size(), 2u);
     EXPECT_EQ(parts[0].key, (PartKey{file, 1, 0, 200}));
     EXPECT_EQ(parts[1].key, (PartKey{file, 2, 200, 100}));
@@ -49,7 +49,12 @@ TEST_F(ReservationReaderTest, PairsBecomePartsAsWritten) {
     EXPECT_EQ(parts[0].url.absoluteString(), "http://127.0.0.1:9/up?p=1");
     EXPECT_EQ(parts[0].headers->at("X-Token"), "t");
     EXPECT_FALSE(parts[1].headers.has_value());
-    // Relative paths, and the requests made from parts, are exercised by the host's uploads.
+    EXPECT_EQ(parts[0].destination, "PUT http://127.0.0.1:9/up?p=1");
+    EXPECT_EQ(parts[0].source, identifySource(file));
+    // A relative path is the reservation file's folder's, not the working directory's.
+    const auto relative =
+        planReservation("[" + pair(1, 0, 1, "", "a.bin") + "]", "r.json", dir.path());
+    EXPECT_EQ(relative[0].key.path, file);
 }
 
 TEST_F(ReservationReaderTest, BadInputNamesItsPlace) {
@@ -64,7 +69,13 @@ TEST_F(ReservationReaderTest, BadInputNamesItsPlace) {
         {"[" + ok + pair(2, 0, -1) + "]", "r.json: [1].operation.length: must not be negative"},
         {"[" + ok + pair(-2, 0, 1) + "]", "r.json: [1].operation.partNumber: must not be negative"},
         {"[" + ok + pair(2, 0, 1, R"(,"method":"")") + "]",
-         "r.json: [1].operation.method: not an HTTP method name"},
+         "r.json: [1].operation.method: not an HTTP method pellorin sends"},
+        {"[" + ok + pair(2, 0, 1, R"(,"method":"PATCH")") + "]",
+         "r.json: [1].operation.method: not an HTTP method pellorin sends: \"PATCH\""},
+        {"[" + ok + pair(2, 0, 1, R"(,"headers":{"content-length":"5"})") + "]",
+         "r.json: [1].operation.headers.content-length: Content-Length is set by pellorin"},
+        {"[" + ok + pair(2, 0, 1, R"(,"headers":{"X-PLNX-Retry-Count":"0"})") + "]",
+         "r.json: [1].operation.headers.X-PLNX-Retry-Count: X-PLNX-Retry-Count is set by"},
         {"[" + ok + pair(2, 0, 1, R"(,"uri":"ftp://h/x")") + "]",
          "r.json: [1].operation.uri: must be an http or https URL, found ftp:"},
         {"[" + ok + pair(2, 0, 1, R"(,"headers":{"X-A":"1\r\nX-B: 2"})") + "]",

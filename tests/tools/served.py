@@ -23,8 +23,8 @@ def make_file(path, size):
 class Server:
     """The receiver assembling uploads in `directory`; its request lines are kept when it stops."""
 
-    def __init__(self, binary, directory):
-        self.process = subprocess.Popen([binary, "serve", "--dir", directory],
+    def __init__(self, binary, directory, port=0):
+        self.process = subprocess.Popen([binary, "serve", "--dir", directory, "--port", str(port)],
                                         stdout=subprocess.PIPE, text=True)
         ready, _, _ = select.select([self.process.stdout], [], [], 10)
         assert ready, "serve said nothing"
@@ -32,6 +32,7 @@ class Server:
         match = re.search(r"http://127\.0\.0\.1:\d+", first)
         assert match, first
         self.base = match.group(0)
+        self.port = int(self.base.rsplit(":", 1)[1])
         self.lines = []
 
     def stop(self):
@@ -39,3 +40,8 @@ class Server:
         rest, _ = self.process.communicate(timeout=10)
         self.lines += rest.splitlines()
         return self.process.returncode
+
+    def accepted(self):
+        """Part numbers of the requests answered with a checksum, in the order they ended."""
+        return [int(re.search(r"part=(\d+)", line).group(1)) for line in self.lines
+                if " accepted " in line and "part=-" not in line]

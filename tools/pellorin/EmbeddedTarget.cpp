@@ -57,7 +57,8 @@ std::filesystem::path EmbeddedTarget::copyOf(const std::string& source) const {
 
 std::vector<PlannedPart> EmbeddedTarget::plan(const std::string& source, uint64_t partSize) {
     const FileCheck check = checkReadableFile(source);
-    if (!check.size) {
+    const auto identity = identifySource(source);
+    if (!check.size || !identity) {
         throw InputError(check.problem);
     }
     const auto copy = copyOf(source);
@@ -66,11 +67,15 @@ std::vector<PlannedPart> EmbeddedTarget::plan(const std::string& source, uint64_
         throw InputError(source + " is where its copy would be assembled; choose another --dir");
     }
     const std::string base = receiver_->baseUrl() + "/upload/" + percentEncode(copyName(source));
-    auto parts = planFileParts(source, *check.size, partSize, [&](uint64_t offset) {
+    auto parts = planFileParts(source, *identity, partSize, [&](uint64_t offset) {
         return *Url::parse(base + "?offset=" + std::to_string(offset));
     });
+    // The receiver's port changes from run to run; the copy it writes into does not.
+    for (auto& part : parts) {
+        part.destination = "PUT " + copy.string() + " at " + std::to_string(part.key.offset);
+    }
     if (std::filesystem::exists(copy, error)) {
-        std::filesystem::resize_file(copy, *check.size, error);
+        std::filesystem::resize_file(copy, identity->size, error);
         if (error) {
             throw InputError("cannot prepare the copy " + copy.string() + ": " + error.message());
         }

@@ -8,15 +8,35 @@
 #include <cstring>
 #include <system_error>
 
+#include <openssl/sha.h>
 #include <nlohmann/json.hpp>
 
 #include "HostError.h"
+#include "Redaction.h"
 
 namespace pellorin::host {
 
 namespace {
 
-std::optional<PartKey> parseEntry(std::string_view line) {
+std::string sha256Hex(const std::string& text) {
+    unsigned char digest[SHA256_DIGEST_LENGTH];
+    SHA256(reinterpret_cast<const unsigned char*>(text.data()), text.size(), digest);
+    std::string hex;
+    static constexpr char kDigits[] = "0123456789abcdef";
+    for (const unsigned char byte : digest) {
+        hex += kDigits[byte >> 4];
+        hex += kDigits[byte & 15];
+    }
+    return hex;
+}
+
+struct Entry {
+    PartKey key;
+    std::string destinationSha256;
+    SourceIdentity source;
+};
+
+std::optional<Entry> parseEntry(std::string_view line) {
     const auto entry = nlohmann::json::parse(line, nullptr, /*allow_exceptions=*/false);
     if (!entry.is_object()) {
         return std::nullopt;
@@ -28,20 +48,34 @@ std::optional<PartKey> parseEntry(std::string_view line) {
         }
         return it->get<uint64_t>();
     };
-    const auto path = entry.find("path");
+    auto text = [&](const char* name) -> std::optional<std::string> {
+        const auto it = entry.find(name);
+        if (it == entry.end() || !it->is_string()) {
+            return std::nullopt;
+        }
+        return it->get<std::string>();
+    };
+    const auto path = text("path");
+    const auto destination = text("destinationSha256");
     const auto partNumber = number("partNumber");
     const auto offset = number("offset");
     const auto length = number("length");
-    if (path == entry.end() || !path->is_string() || !partNumber || !offset || !length) {
+    const auto device = number("device");
+    const auto inode = number("inode");
+    const auto size = number("size");
+    const auto mtime = entry.find("mtimeNs");
+    if (!path || !destination || !partNumber || !offset || !length || !device || !inode || !size ||
+        mtime == entry.end() || !mtime->is_number_integer()) {
         return std::nullopt;
     }
-    return PartKey{path->get<std::string>(), *partNumber, *offset, *length};
+    return Entry{PartKey{*path, *partNumber, *offset, *length}, *destination,
+                 SourceIdentity{*device, *inode, *size, mtime->get<int64_t>()}};
 }
 
 }  // namespace
 
 std::unique_ptr<Journal> Journal::open(const std::filesystem::path& path) {
-    const int fd = ::open(path.c_str(), O_RDWR | O_CREAT | O_APPEND | O_CLOEXEC, 0644);
+    const int fd = ::open(path.c_str(), O_RDWR | O_CREAT | O_APPEND | O_CLOEXEC, 0600);
     if (fd < 0) {
         throw InputError("cannot open journal " + path.string() + ": " + std::strerror(errno));
     }
@@ -80,12 +114,13 @@ void Journal::load() {
     for (size_t end; (end = text.find('\n', lineStart)) != std::string::npos; ++lineNumber) {
         const std::string_view line(text.data() + lineStart, end - lineStart);
         if (!line.empty()) {
-            const auto key = parseEntry(line);
-            if (!key) {
+            const auto entry = parseEntry(line);
+            if (!entry) {
                 throw InputError(path_.string() + ":" + std::to_string(lineNumber) +
                                  ": not a journal entry");
             }
-            recorded_.insert(*key);
+            recorded_[entry->key].push_back({entry->destinationSha256, entry->source});
+            ++entries_;
         }
         lineStart = end + 1;
     }
@@ -95,11 +130,38 @@ void Journal::load() {
     }
 }
 
-void Journal::record(const PartKey& key, const std::string& eTag) {
+Journal::Verdict Journal::check(const PlannedPart& part) const {
+    const auto it = recorded_.find(part.key);
+    if (it == recorded_.end()) {
+        return Verdict::absent;
+    }
+    const std::string destination = sha256Hex(part.destination);
+    bool sameDestination = false;
+    for (const auto& recorded : it->second) {
+        if (recorded.destinationSha256 == destination) {
+            if (recorded.source == part.source) {
+                return Verdict::done;
+            }
+            sameDestination = true;
+        }
+    }
+    return sameDestination ? Verdict::sourceChanged : Verdict::destinationChanged;
+}
+
+void Journal::record(const PlannedPart& part, const std::string& eTag) {
+    const PartKey& key = part.key;
+    // The URL is kept for people to read, without its secrets; the match is on the hash.
     const nlohmann::json entry = {{"path", key.path},
                                   {"partNumber", key.partNumber},
                                   {"offset", key.offset},
                                   {"length", key.length},
+                                  {"method", part.method},
+                                  {"url", stripUrlSecrets(part.url.absoluteString())},
+                                  {"destinationSha256", sha256Hex(part.destination)},
+                                  {"device", part.source.device},
+                                  {"inode", part.source.inode},
+                                  {"size", part.source.size},
+                                  {"mtimeNs", part.source.mtimeNs},
                                   {"eTag", eTag}};
     const std::string line =
         entry.dump(-1, ' ', false, nlohmann::json::error_handler_t::replace) + "\n";
@@ -117,7 +179,8 @@ void Journal::record(const PartKey& key, const std::string& eTag) {
     if (::fdatasync(fd_) != 0) {
         throw std::system_error(errno, std::generic_category(), "cannot flush journal");
     }
-    recorded_.insert(key);
+    recorded_[key].push_back({sha256Hex(part.destination), part.source});
+    ++entries_;
 }
 
 }  // namespace pellorin::host

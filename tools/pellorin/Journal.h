@@ -1,20 +1,25 @@
 // Journal: the parts of earlier runs that the server accepted, kept in a file so that a transfer
 // interrupted by a crash or Ctrl-C resumes where it stopped.
 //
-// The file holds one JSON object per line, {"path", "partNumber", "offset", "length", "eTag"},
-// each appended with one write() and flushed to disk (fdatasync) before the next part is reported
+// The file holds one JSON object per line: the part's place ("path", "partNumber", "offset",
+// "length"), its destination ("method", "url" with its secrets replaced, and "destinationSha256",
+// the SHA-256 of the whole destination, which is what is compared), the source's identity when it
+// was read ("device", "inode", "size", "mtimeNs") and the server's "eTag". A part counts as done
+// only when place, destination and source identity all match the part planned now. Each line is
+// appended with one write() and flushed to disk (fdatasync) before the next part is reported
 // complete. A last line without its newline was torn by a crash: it is ignored and cut off when
 // the journal is opened. The journal holds an exclusive lock on the file while it is open, so two
 // runs cannot share one.
 //
-// Threads: open and contains on the host thread before the transfer; record on the client's
+// Threads: open and check on the host thread before the transfer; record on the client's
 // delegate queue, one call at a time.
 #pragma once
 
 #include <filesystem>
+#include <map>
 #include <memory>
-#include <set>
 #include <string>
+#include <vector>
 
 #include "PartPlan.h"
 
@@ -33,20 +38,32 @@ class Journal {
     Journal(const Journal&) = delete;
     Journal& operator=(const Journal&) = delete;
 
-    bool contains(const PartKey& key) const { return recorded_.count(key) != 0; }
-    size_t size() const { return recorded_.size(); }
+    // What the journal says of a planned part.
+    enum class Verdict {
+        done,                // recorded with this destination and this source identity
+        sourceChanged,       // recorded for this destination, but the file is not what it was
+        destinationChanged,  // recorded, but sent elsewhere (another reservation)
+        absent,              // never recorded
+    };
+    Verdict check(const PlannedPart& part) const;
+    size_t size() const { return entries_; }
     const std::filesystem::path& path() const { return path_; }
 
     // Appends the part and flushes it to disk. Throws std::system_error when either fails; the
     // journal is then unchanged as far as later runs are concerned, or ends in a torn line.
-    void record(const PartKey& key, const std::string& eTag);
+    void record(const PlannedPart& part, const std::string& eTag);
 
   private:
+    struct Recorded {
+        std::string destinationSha256;
+        SourceIdentity source;
+    };
     void load();
 
     std::filesystem::path path_;
     int fd_;  // open for reading and appending; owned
-    std::set<PartKey> recorded_;
+    std::map<PartKey, std::vector<Recorded>> recorded_;
+    size_t entries_ = 0;
 };
 
 }  // namespace pellorin::host

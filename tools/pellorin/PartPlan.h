@@ -27,11 +27,30 @@ struct PartKey {
     auto operator<=>(const PartKey&) const = default;
 };
 
+// What a source file was when its parts were planned: a part recorded under another identity was
+// read from other bytes, whatever its path says.
+struct SourceIdentity {
+    uint64_t device = 0;
+    uint64_t inode = 0;
+    uint64_t size = 0;
+    int64_t mtimeNs = 0;
+
+    bool operator==(const SourceIdentity&) const = default;
+};
+
+// The identity of the file at `path` now (following symbolic links); no value when it cannot be
+// read.
+std::optional<SourceIdentity> identifySource(const std::string& path);
+
 struct PlannedPart {
     PartKey key;  // key.path is absolute and lexically normal
     Url url;
     std::string method;
     std::optional<std::map<std::string, std::string>> headers;
+    SourceIdentity source;
+    // Where the part goes, as the journal compares it between runs: method and URL, unless the
+    // planner names a steadier destination (the embedded receiver's port changes every run).
+    std::string destination;
 
     // A new request for the client (each run makes its own: requests carry attempt state).
     std::shared_ptr<FilePartRequest> makeRequest() const;
@@ -43,10 +62,14 @@ inline constexpr uint64_t kMaxPlannedParts = 100000;
 // `path` made absolute (against the working directory) and lexically normal.
 std::string absolutePath(std::string_view path);
 
+// `method` and `url` as one destination string ("PUT https://...").
+std::string destinationOf(const std::string& method, const Url& url);
+
 // Cuts a file of `fileSize` bytes into parts of `partSize` bytes (the last one shorter), numbered
-// from 1; an empty file gives one part of length 0. `urlFor(offset)` gives each part's URL.
+// from 1; an empty file gives one part of length 0. `urlFor(offset)` gives each part's URL; each
+// part is a PUT whose destination is its method and URL, with `source` as the file's identity.
 // Throws InputError when partSize is 0 or the file would need more than kMaxPlannedParts parts.
-std::vector<PlannedPart> planFileParts(const std::string& path, uint64_t fileSize,
+std::vector<PlannedPart> planFileParts(const std::string& path, const SourceIdentity& source,
                                        uint64_t partSize,
                                        const std::function<Url(uint64_t offset)>& urlFor);
 

@@ -54,11 +54,26 @@ double RateWindow::rate() const {
                : 0;
 }
 
-ProgressDisplay::ProgressDisplay(const ProgressCounters& counters, std::shared_ptr<StatusLine> line)
-    : counters_(counters), line_(std::move(line)) {
-    if (line_->live()) {
+ProgressDisplay::ProgressDisplay(const ProgressCounters& counters, std::shared_ptr<StatusLine> line,
+                                 std::chrono::milliseconds plainEvery)
+    : counters_(counters), line_(std::move(line)), plainEvery_(plainEvery) {
+    if (!line_->quiet()) {
         thread_ = std::thread([this] { run(); });
     }
+}
+
+void ProgressDisplay::setNote(std::string note) {
+    std::lock_guard lock(mutex_);
+    note_ = std::move(note);
+}
+
+std::string ProgressDisplay::text(bool finished) {
+    std::string text = formatProgressLine(snapshot(finished));
+    std::lock_guard lock(mutex_);
+    if (!note_.empty() && !finished) {
+        text += "  " + note_;
+    }
+    return text;
 }
 
 ProgressDisplay::~ProgressDisplay() {
@@ -76,8 +91,12 @@ void ProgressDisplay::stop() {
     wake_.notify_all();
     if (thread_.joinable()) {
         thread_.join();
-        line_->show(formatProgressLine(snapshot(true)));
-        line_->finish();
+        if (line_->live()) {
+            line_->show(text(true));
+            line_->finish();
+        } else {
+            line_->note(text(true));
+        }
     }
 }
 
@@ -103,10 +122,20 @@ ProgressSnapshot ProgressDisplay::snapshot(bool finished) {
 }
 
 void ProgressDisplay::run() {
+    // On a terminal the line is redrawn ten times a second; elsewhere (a log file, a pipe) a
+    // plain line is printed every plainEvery_, the rate window still sampled in between.
+    auto nextPlain = RateWindow::Clock::now() + plainEvery_;
     std::unique_lock lock(mutex_);
     while (!stopping_) {
         lock.unlock();
-        line_->show(formatProgressLine(snapshot(false)));
+        if (line_->live()) {
+            line_->show(text(false));
+        } else if (RateWindow::Clock::now() >= nextPlain) {
+            line_->print(text(false));
+            nextPlain += plainEvery_;
+        } else {
+            snapshot(false);
+        }
         lock.lock();
         wake_.wait_for(lock, std::chrono::milliseconds(100), [this] { return stopping_; });
     }

@@ -67,12 +67,18 @@ class RateWindow {
     std::deque<std::pair<Clock::time_point, uint64_t>> samples_;
 };
 
-// Redraws the status line from the counters every 100 ms on a thread of its own, from
-// construction until stop(). Does nothing when the status line is not live. Made and stopped
+// Shows progress from the counters on a thread of its own, from construction until stop(): on a
+// live status line it redraws the line every 100 ms; otherwise it prints a plain line every
+// `plainEvery` and one at the end. Does nothing when the status line is quiet. Made and stopped
 // on the host thread; the counters and the status line must outlive it.
 class ProgressDisplay {
   public:
-    ProgressDisplay(const ProgressCounters& counters, std::shared_ptr<StatusLine> line);
+    ProgressDisplay(const ProgressCounters& counters, std::shared_ptr<StatusLine> line,
+                    std::chrono::milliseconds plainEvery = std::chrono::seconds(10));
+
+    // Text shown after the numbers until changed ("waiting 4 s before round 2"); "" for none.
+    // Any thread.
+    void setNote(std::string note);
     ~ProgressDisplay();
     ProgressDisplay(const ProgressDisplay&) = delete;
     ProgressDisplay& operator=(const ProgressDisplay&) = delete;
@@ -82,15 +88,18 @@ class ProgressDisplay {
 
   private:
     ProgressSnapshot snapshot(bool finished);
+    std::string text(bool finished);
     void run();
 
     const ProgressCounters& counters_;
     std::shared_ptr<StatusLine> line_;
+    const std::chrono::milliseconds plainEvery_;
     const RateWindow::Clock::time_point started_ = RateWindow::Clock::now();
     RateWindow window_;  // display thread only (and stop(), after joining it)
     std::mutex mutex_;
     std::condition_variable wake_;
     bool stopping_ = false;  // guarded by mutex_
+    std::string note_;       // guarded by mutex_
     std::thread thread_;
 };
 

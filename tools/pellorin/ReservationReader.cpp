@@ -1,5 +1,6 @@
 #include "ReservationReader.h"
 
+#include <algorithm>
 #include <cctype>
 #include <map>
 #include <optional>
@@ -34,10 +35,36 @@ bool isSendableHeaderValue(std::string_view text) {
     return text.find_first_of(std::string_view("\r\n\0", 3)) == std::string_view::npos;
 }
 
+bool equalsIgnoringCase(std::string_view a, std::string_view b) {
+    return a.size() == b.size() && std::equal(a.begin(), a.end(), b.begin(), [](char x, char y) {
+               return std::tolower(static_cast<unsigned char>(x)) ==
+                      std::tolower(static_cast<unsigned char>(y));
+           });
+}
+
+}  // namespace
+
+std::optional<std::string> headerProblem(std::string_view name, std::string_view value) {
+    static constexpr std::string_view kOwnHeaders[] = {
+        "Content-Length", "Transfer-Encoding", "Host", "X-PLNX-Part-Number", "X-PLNX-Retry-Count"};
+    for (const auto own : kOwnHeaders) {
+        if (equalsIgnoringCase(name, own)) {
+            return std::string(own) + " is set by pellorin itself and cannot be given";
+        }
+    }
+    if (!isToken(name) || !isSendableHeaderValue(value)) {
+        return "not a header that can be sent";
+    }
+    return std::nullopt;
+}
+
+namespace {
+
 // Checks one pair; throws InputError naming `name` and the pair's place.
 class PairChecker {
   public:
-    explicit PairChecker(const std::string& name) : name_(name) {}
+    PairChecker(const std::string& name, std::filesystem::path base)
+        : name_(name), base_(std::move(base)) {}
 
     PlannedPart check(const OperationPair& pair, size_t index) {
         const Operation& operation = pair.operation;
@@ -46,8 +73,9 @@ class PairChecker {
         if (pair.filePath.empty()) {
             fail(at + ".filePath", "must name a file");
         }
-        if (!isToken(operation.method)) {
-            fail(op + ".method", "not an HTTP method name: \"" + operation.method + "\"");
+        if (!httpMethodTypeFromRawValue(operation.method)) {
+            fail(op + ".method", "not an HTTP method pellorin sends: \"" + operation.method +
+                                     "\" (OPTIONS, GET, HEAD, POST, PUT, DELETE, TRACE, CONNECT)");
         }
         const std::string& scheme = operation.uri.scheme();
         if (scheme != "http" && scheme != "https") {
@@ -62,12 +90,13 @@ class PairChecker {
         }
         if (operation.headers) {
             for (const auto& [headerName, value] : *operation.headers) {
-                if (!isToken(headerName) || !isSendableHeaderValue(value)) {
-                    fail(op + ".headers." + headerName, "not a header that can be sent");
+                if (const auto problem = headerProblem(headerName, value)) {
+                    fail(op + ".headers." + headerName, *problem);
                 }
             }
         }
-        const std::string path = absolutePath(pair.filePath);
+        // A relative path is taken against the reservation file's folder.
+        const std::string path = absolutePath((base_ / pair.filePath).string());
         auto [file, inserted] = files_.try_emplace(path);
         if (inserted) {
             file->second = checkReadableFile(path);
@@ -88,8 +117,16 @@ class PairChecker {
             fail(op + ".partNumber", "part " + std::to_string(partNumber) + " of " + path +
                                          " is already at [" + std::to_string(first->second) + "]");
         }
-        return PlannedPart{PartKey{path, partNumber, offset, length}, operation.uri,
-                           operation.method, operation.headers};
+        auto identity = identifySource(path);
+        if (!identity) {
+            fail(at + ".filePath", "cannot read " + path);
+        }
+        return PlannedPart{PartKey{path, partNumber, offset, length},
+                           operation.uri,
+                           operation.method,
+                           operation.headers,
+                           *identity,
+                           destinationOf(operation.method, operation.uri)};
     }
 
   private:
@@ -98,13 +135,15 @@ class PairChecker {
     }
 
     const std::string& name_;
+    std::filesystem::path base_;
     std::map<std::string, FileCheck> files_;                   // by absolute path
     std::map<std::pair<std::string, uint64_t>, size_t> seen_;  // (path, part) -> index
 };
 
 }  // namespace
 
-std::vector<PlannedPart> planReservation(std::string_view jsonText, const std::string& name) {
+std::vector<PlannedPart> planReservation(std::string_view jsonText, const std::string& name,
+                                         const std::filesystem::path& base) {
     std::optional<std::vector<OperationPair>> pairs;
     try {
         pairs = decodeOperationPairs(jsonText);
@@ -115,7 +154,7 @@ std::vector<PlannedPart> planReservation(std::string_view jsonText, const std::s
         throw InputError(name + ": reserves nothing (" + (pairs ? "[]" : "null") +
                          "): nothing to upload");
     }
-    PairChecker checker(name);
+    PairChecker checker(name, base);
     std::vector<PlannedPart> parts;
     parts.reserve(pairs->size());
     for (size_t i = 0; i < pairs->size(); ++i) {
@@ -125,7 +164,8 @@ std::vector<PlannedPart> planReservation(std::string_view jsonText, const std::s
 }
 
 std::vector<PlannedPart> readReservationFile(const std::filesystem::path& path) {
-    return planReservation(readTextFile(path, "reservation file"), path.string());
+    return planReservation(readTextFile(path, "reservation file"), path.string(),
+                           std::filesystem::absolute(path).parent_path());
 }
 
 }  // namespace pellorin::host

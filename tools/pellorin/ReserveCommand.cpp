@@ -16,6 +16,7 @@
 
 #include "FileTools.h"
 #include "HostError.h"
+#include "PartPlan.h"
 #include "Reachability.h"
 #include "SignalWatcher.h"
 #include "TextFile.h"
@@ -99,8 +100,9 @@ void callBounded(const ReserveOptions& options, const std::string& secret, const
         std::exception_ptr caught;
         try {
             const std::optional<std::string> provider = options.provider;
-            createTestReservationFile(options.output, options.file, options.user, secret, provider,
-                                      url);
+            // An absolute path: the reservation stays usable from any working directory.
+            createTestReservationFile(options.output, absolutePath(options.file), options.user,
+                                      secret, provider, url);
         } catch (...) {
             caught = std::current_exception();
         }

@@ -1,5 +1,7 @@
 #include "StatusLine.h"
 
+#include "Redaction.h"
+
 namespace pellorin::host {
 
 namespace {
@@ -26,9 +28,16 @@ void StatusLine::finish() {
     text_.clear();
 }
 
+void StatusLine::note(const std::string& line) {
+    if (!quiet_) {
+        print(line);
+    }
+}
+
 void StatusLine::print(const std::string& line) {
+    const std::string safe = forTerminal(line);
     interrupt([&] {
-        std::fputs(line.c_str(), stream_);
+        std::fputs(safe.c_str(), stream_);
         std::fputs("\n", stream_);
     });
 }
@@ -62,7 +71,8 @@ void StatusLineLogHandler::log(Logger::Level level, const Logger::Message& messa
                                const Logger::Metadata* metadata, std::string_view source,
                                std::string_view file, std::string_view function,
                                std::size_t line) const {
-    line_->interrupt([&] { inner_->log(level, message, metadata, source, file, function, line); });
+    const Logger::Message safe(forTerminal(message.value));
+    line_->interrupt([&] { inner_->log(level, safe, metadata, source, file, function, line); });
 }
 
 }  // namespace pellorin::host

@@ -19,16 +19,21 @@ namespace pellorin::host {
 
 class StatusLine {
   public:
-    // `live`: whether the live line is drawn (standard error is a terminal).
-    StatusLine(std::FILE* stream, bool live) : stream_(stream), live_(live) {}
+    // `live`: whether the live line is drawn (standard error is a terminal). `quiet`: notes are
+    // dropped (errors are still printed) and no progress is shown.
+    StatusLine(std::FILE* stream, bool live, bool quiet = false)
+        : stream_(stream), live_(live && !quiet), quiet_(quiet) {}
 
     bool live() const { return live_; }
+    bool quiet() const { return quiet_; }
     // Replaces the live line's text and redraws it (only when live).
     void show(const std::string& text);
     // Ends the live line: leaves its last text on screen followed by a newline.
     void finish();
-    // Prints one line above the live line.
+    // Prints one line above the live line, made safe for a terminal (Redaction.h).
     void print(const std::string& line);
+    // print, unless quiet: for what is informative rather than a fault.
+    void note(const std::string& line);
     // Runs `write`, which writes whole lines to the stream, with the live line cleared first and
     // redrawn afterwards.
     void interrupt(const std::function<void()>& write);
@@ -39,13 +44,14 @@ class StatusLine {
 
     std::FILE* stream_;
     const bool live_;
+    const bool quiet_;
     std::mutex mutex_;
     std::string text_;    // guarded by mutex_
     bool shown_ = false;  // guarded by mutex_: the live line is on screen
 };
 
 // A log handler that writes through a StatusLine: the wrapped handler's lines appear above the
-// live line. Level and metadata are the wrapped handler's.
+// live line, made safe for a terminal. Level and metadata are the wrapped handler's.
 class StatusLineLogHandler final : public LogHandler {
   public:
     StatusLineLogHandler(std::unique_ptr<LogHandler> inner, std::shared_ptr<StatusLine> line)

@@ -7,10 +7,7 @@
 
 namespace pellorin::host {
 
-namespace {
-
-// An error's message, with the transport's own text when it carries one.
-std::string describe(const ErrorMessage& error) {
+std::string describeError(const ErrorMessage& error) {
     std::string text = error.message();
     if (error.userInfo()) {
         const auto underlying = error.userInfo()->find("underlyingErrorText");
@@ -21,14 +18,12 @@ std::string describe(const ErrorMessage& error) {
     return text;
 }
 
-}  // namespace
-
 TransferObserver::TransferObserver(const std::vector<PlannedPart>& parts,
                                    ProgressCounters& counters, std::shared_ptr<StatusLine> line,
                                    Journal* journal)
     : counters_(counters), line_(std::move(line)), journal_(journal) {
     for (const auto& part : parts) {
-        parts_.emplace(PartId{part.key.path, part.key.partNumber}, PartState{part.key});
+        parts_.emplace(PartId{part.key.path, part.key.partNumber}, PartState{part, 0, {}});
     }
 }
 
@@ -66,8 +61,8 @@ void TransferObserver::pellorinClientDidReceivePartProgress(
     const auto it = parts_.find({message->path(), message->partNumber()});
     if (it != parts_.end()) {
         // A part's bytes never count for more than its length, whatever the attempt sends.
-        const uint64_t room =
-            it->second.key.length - std::min(it->second.attemptBytes, it->second.key.length);
+        const uint64_t length = it->second.part.key.length;
+        const uint64_t room = length - std::min(it->second.attemptBytes, length);
         const uint64_t counted = std::min(bytes, room);
         it->second.attemptBytes += counted;
         counters_.doneBytes += counted;
@@ -76,8 +71,11 @@ void TransferObserver::pellorinClientDidReceivePartProgress(
 
 void TransferObserver::pellorinClientWillRetryPart(
     PellorinClient&, const std::shared_ptr<const PartRetryMessage>& message) {
-    resetAttempt(message->path(), message->partNumber());
+    PartState* part = resetAttempt(message->path(), message->partNumber());
     ++counters_.retries;
+    if (part != nullptr) {
+        part->retryErrors.push_back(message->error());
+    }
 }
 
 void TransferObserver::pellorinClientPartDidComplete(
@@ -87,10 +85,10 @@ void TransferObserver::pellorinClientPartDidComplete(
     if (part == nullptr) {
         return;
     }
-    counters_.doneBytes += part->key.length;
+    counters_.doneBytes += part->part.key.length;
     if (journal_ != nullptr && !journalFailed_) {
         try {
-            journal_->record(part->key, message->eTag());
+            journal_->record(part->part, message->eTag());
         } catch (const std::system_error& error) {
             // The upload goes on; only the ability to resume it is lost.
             journalFailed_ = true;
@@ -102,19 +100,24 @@ void TransferObserver::pellorinClientPartDidComplete(
 
 void TransferObserver::pellorinClientPartDidFail(
     PellorinClient&, const std::shared_ptr<const PartFailureMessage>& message) {
-    resetAttempt(message->path(), message->partNumber());
+    PartState* part = resetAttempt(message->path(), message->partNumber());
     ++counters_.partsFailed;
-    if (cancelled_) {
+    if (part == nullptr) {
         return;
     }
-    const auto& errors = message->errors();
-    std::string reason = errors.empty() ? "no error recorded" : describe(*errors.back());
+    std::vector<std::shared_ptr<const ErrorMessage>> errors = part->retryErrors;
+    for (const auto& error : message->errors()) {
+        if (error) {
+            errors.push_back(error);
+        }
+    }
+    Failure failure{part->part, judgeFailure(errors), ""};
+    failure.description = errors.empty() ? "no error recorded" : describeError(*errors.back());
     // The last error often only says that the retries ran out; the one before says why.
     if (errors.size() >= 2 && errors[errors.size() - 2]->message() != errors.back()->message()) {
-        reason += "; last cause: " + describe(*errors[errors.size() - 2]);
+        failure.description += "; last cause: " + describeError(*errors[errors.size() - 2]);
     }
-    line_->print("pellorin: part " + std::to_string(message->partNumber()) + " of " +
-                 message->path() + " failed: " + reason);
+    failures_.push_back(std::move(failure));
 }
 
 void TransferObserver::pellorinClientDidReceiveFileProgress(
@@ -124,27 +127,6 @@ void TransferObserver::pellorinClientDidFinishWithStatus(
     PellorinClient&, int32_t, const std::shared_ptr<const MetricsMessage>& metrics) {
     std::lock_guard lock(metricsMutex_);
     metrics_ = metrics;
-}
-
-std::string transferSummary(const MetricsMessage& metrics, uint64_t skippedParts) {
-    const double seconds = metrics.elapsedTimeSecs();
-    const double rate = seconds > 0 ? static_cast<double>(metrics.bytesSent()) / seconds : 0;
-    char time[32];
-    std::snprintf(time, sizeof time, "%.1f s", seconds);
-    std::string text =
-        "Sent " + std::to_string(metrics.partsSent()) + " of " +
-        countOf(static_cast<uint64_t>(metrics.totalPartsRequested()), "part") + " (" +
-        formatBytes(metrics.bytesSent()) + ") in " + time + " at " + formatRate(rate) + "; " +
-        std::to_string(metrics.failureCount()) + " failed, " +
-        (metrics.retryCount() == 1 ? std::string("1 retry")
-                                   : std::to_string(metrics.retryCount()) + " retries");
-    if (metrics.bytesLost() > 0) {
-        text += " (" + formatBytes(metrics.bytesLost()) + " lost to failed attempts)";
-    }
-    if (skippedParts > 0) {
-        text += "; " + countOf(skippedParts, "part") + " already done before";
-    }
-    return text;
 }
 
 }  // namespace pellorin::host

@@ -1,6 +1,6 @@
-// TransferObserver: the host's own delegate. It keeps the progress counters, appends every
-// completed part to the journal, prints a line for every part that fails for good, and keeps the
-// final metrics for the summary.
+// TransferObserver: the host's own delegate for one round of a transfer. It keeps the progress
+// counters, appends every completed part to the journal, keeps every part that failed for good
+// with its verdict (FailureVerdict.h) and the final metrics for the summary.
 //
 // Registered without a queue, so every method runs on the client's delegate queue, one at a time:
 // its maps need no lock. The counters, status line and journal must outlive the transfer.
@@ -17,6 +17,7 @@
 
 #include <pellorin/PellorinClientDelegate.h>
 
+#include "FailureVerdict.h"
 #include "Journal.h"
 #include "PartPlan.h"
 #include "ProgressLine.h"
@@ -39,6 +40,14 @@ class TransferObserver : public PellorinClientDelegate {
     // Read after waitUntilFinished has returned.
     std::shared_ptr<const MetricsMessage> metrics() const;
 
+    struct Failure {
+        PlannedPart part;
+        FailureVerdict verdict;
+        std::string description;  // the cause in full, transport text included
+    };
+    // The parts that failed for good, in the order they failed. Read after waitUntilFinished.
+    const std::vector<Failure>& failures() const { return failures_; }
+
     void pellorinClientLogMessage(PellorinClient& client,
                                   const std::shared_ptr<const LoggingMessage>& message) override;
     void pellorinClientDidStartPart(
@@ -60,8 +69,11 @@ class TransferObserver : public PellorinClientDelegate {
   private:
     using PartId = std::pair<std::string, uint64_t>;  // (path, part number)
     struct PartState {
-        PartKey key;
+        PlannedPart part;
         uint64_t attemptBytes = 0;  // sent by the current attempt
+        // The errors of the attempts that were retried: a part's final error list may hold only
+        // the note that the retries ran out.
+        std::vector<std::shared_ptr<const ErrorMessage>> retryErrors;
     };
     // Takes the part's current attempt back out of doneBytes; the part's state, or null.
     PartState* resetAttempt(const std::string& path, uint64_t partNumber);
@@ -71,13 +83,13 @@ class TransferObserver : public PellorinClientDelegate {
     Journal* journal_;
     std::map<PartId, PartState> parts_;  // delegate queue only
     bool journalFailed_ = false;         // delegate queue only
+    std::vector<Failure> failures_;      // delegate queue, then the host thread after the wait
     std::atomic<bool> cancelled_{false};
     mutable std::mutex metricsMutex_;
     std::shared_ptr<const MetricsMessage> metrics_;  // guarded by metricsMutex_
 };
 
-// The one-line summary of a finished transfer: parts and bytes done, how long it took and how
-// fast, failures, retries and bytes sent again, and the parts the journal let it skip.
-std::string transferSummary(const MetricsMessage& metrics, uint64_t skippedParts);
+// An error's message, with the transport's own text when it carries one.
+std::string describeError(const ErrorMessage& error);
 
 }  // namespace pellorin::host

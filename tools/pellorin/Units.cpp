@@ -18,33 +18,48 @@ std::string lowerCase(std::string_view text) {
     return lower;
 }
 
+// Bytes per unit, case-insensitive: k, M, G, T are decimal (1000), Ki, Mi, Gi, Ti binary (1024);
+// a trailing "B" changes nothing, "bit" divides by 8.
 std::optional<double> unitFactor(std::string_view unit) {
-    static const std::array<std::pair<std::string_view, double>, 14> kUnits = {{
+    std::string lower = lowerCase(unit);
+    double factor = 1.0;
+    if (lower.size() >= 3 && lower.compare(lower.size() - 3, 3, "bit") == 0) {
+        factor = 1.0 / 8;
+        lower.resize(lower.size() - 3);
+    } else if (!lower.empty() && lower.back() == 'b') {
+        lower.pop_back();
+    }
+    static const std::array<std::pair<std::string_view, double>, 9> kPrefixes = {{
         {"", 1.0},
-        {"b", 1.0},
-        {"k", 0x1p10},
-        {"kib", 0x1p10},
-        {"m", 0x1p20},
-        {"mib", 0x1p20},
-        {"g", 0x1p30},
-        {"gib", 0x1p30},
-        {"t", 0x1p40},
-        {"tib", 0x1p40},
-        {"kb", 1e3},
-        {"mb", 1e6},
-        {"gb", 1e9},
-        {"tb", 1e12},
+        {"k", 1e3},
+        {"ki", 0x1p10},
+        {"m", 1e6},
+        {"mi", 0x1p20},
+        {"g", 1e9},
+        {"gi", 0x1p30},
+        {"t", 1e12},
+        {"ti", 0x1p40},
     }};
-    const std::string lower = lowerCase(unit);
-    for (const auto& [name, factor] : kUnits) {
+    for (const auto& [name, scale] : kPrefixes) {
         if (lower == name) {
-            return factor;
+            return factor * scale;
         }
     }
     return std::nullopt;
 }
 
 }  // namespace
+
+std::optional<uint64_t> parseByteRate(std::string_view text) {
+    for (const std::string_view suffix : {"/s", "ps"}) {
+        if (text.size() > suffix.size() &&
+            lowerCase(text.substr(text.size() - suffix.size())) == suffix) {
+            text.remove_suffix(suffix.size());
+            break;
+        }
+    }
+    return parseByteSize(text);
+}
 
 std::optional<uint64_t> parseByteSize(std::string_view text) {
     size_t i = 0;

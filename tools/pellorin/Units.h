@@ -8,11 +8,14 @@
 
 namespace pellorin::host {
 
-// "8MiB", "256 MiB", "1.5GiB", "100KB", "4096" (bytes): a decimal number and an optional unit,
-// binary (KiB, MiB, GiB, TiB; K, M, G, T are taken as binary too) or decimal (KB, MB, GB, TB),
-// case-insensitive. No value for anything else, for a negative number and for a result that
-// does not fit 64 bits.
+// "8MiB", "256 MiB", "1.5GiB", "500k", "100KB", "80Mbit", "4096" (bytes): a decimal number and
+// an optional unit, case-insensitive: k, M, G, T are decimal (1000), Ki, Mi, Gi, Ti binary (1024),
+// a trailing B is optional and "bit" counts bits (divided by 8). Rounded down to whole bytes. No
+// value for anything else, for a negative number and for a result that does not fit 64 bits.
 std::optional<uint64_t> parseByteSize(std::string_view text);
+// A rate in bytes per second: a size as above, optionally followed by "/s" or "ps" ("1.5MB/s",
+// "80Mbit", "80Mbitps").
+std::optional<uint64_t> parseByteRate(std::string_view text);
 
 // "512 B", "1.5 KiB", "12.3 MiB", "2.00 GiB": three significant figures in the largest binary
 // unit that keeps the number at or above 1.

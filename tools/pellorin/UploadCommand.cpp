@@ -2,27 +2,26 @@
 
 #include <unistd.h>
 
-#include <atomic>
 #include <cstdio>
-#include <mutex>
-#include <vector>
-
-#include <pellorin/PellorinClient.h>
 
 #include "EmbeddedTarget.h"
 #include "EventLog.h"
 #include "FileTools.h"
 #include "HostError.h"
 #include "Journal.h"
-#include "ProgressLine.h"
+#include "Redaction.h"
 #include "ReservationReader.h"
 #include "SignalWatcher.h"
-#include "TransferObserver.h"
+#include "TransferRounds.h"
 #include "Units.h"
+#include "UrlTemplate.h"
 
 namespace pellorin::host {
 
 namespace {
+
+constexpr const char* kUnitsHelp =
+    "k = 1000, Ki = 1024, likewise M, Mi, G, Gi, T, Ti; B is optional; bits are divided by 8";
 
 // A size option ("8MiB"), checked when the command line is parsed.
 CLI::Option* addSizeOption(CLI::App& command, const std::string& name, uint64_t& target,
@@ -34,7 +33,7 @@ CLI::Option* addSizeOption(CLI::App& command, const std::string& name, uint64_t&
                 const auto size = parseByteSize(text);
                 if (!size) {
                     throw CLI::ValidationError(
-                        name, "not a size: \"" + text + "\" (write e.g. 4096, 512KiB, 8MiB, 1GiB)");
+                        name, "not a size: \"" + text + "\" (write e.g. 4096, 500k, 8MiB, 1GB)");
                 }
                 target = *size;
             },
@@ -42,115 +41,59 @@ CLI::Option* addSizeOption(CLI::App& command, const std::string& name, uint64_t&
         ->type_name("SIZE");
 }
 
-// What the signal watcher cancels: nothing until the client exists, then the client.
-class Cancellation {
-  public:
-    void signal() {
-        std::shared_ptr<PellorinClient> client;
-        std::shared_ptr<TransferObserver> observer;
-        {
-            std::lock_guard lock(mutex_);
-            requested_ = true;
-            client = client_;
-            observer = observer_;
-        }
-        if (observer) {
-            observer->noteCancelled();
-        }
-        if (client) {
-            client->invalidateAndCancel();
-        }
+// The rate limit in the library's unit (KB/s, rounded to the nearest, at least 1): a bare number
+// is KB/s already, anything with a unit is converted.
+std::optional<uint64_t> rateLimitOf(const std::string& text) {
+    const bool bare = !text.empty() && text.find_first_not_of("0123456789") == std::string::npos;
+    const auto bytes = parseByteRate(text);
+    if (!bytes || *bytes == 0) {
+        return std::nullopt;
     }
-    // Hands over the running transfer; cancels it at once when a signal came first.
-    void attach(std::shared_ptr<PellorinClient> client,
-                std::shared_ptr<TransferObserver> observer) {
-        {
-            std::lock_guard lock(mutex_);
-            client_ = std::move(client);
-            observer_ = std::move(observer);
-            if (!requested_) {
-                return;
-            }
-        }
-        signal();
+    if (bare) {
+        return *bytes <= UINT64_MAX / 1000 ? bytes : std::nullopt;
     }
-    const std::atomic<bool>& requested() const { return requested_; }
-
-  private:
-    std::mutex mutex_;
-    std::atomic<bool> requested_{false};
-    std::shared_ptr<PellorinClient> client_;      // guarded by mutex_
-    std::shared_ptr<TransferObserver> observer_;  // guarded by mutex_
-};
-
-// The parts of this run: what the journal already holds is left out and counted as done.
-struct Split {
-    std::vector<PlannedPart> toSend;
-    uint64_t skippedParts = 0;
-    uint64_t skippedBytes = 0;
-};
-
-Split splitByJournal(std::vector<PlannedPart> parts, const Journal* journal) {
-    Split split;
-    for (auto& part : parts) {
-        if (journal != nullptr && journal->contains(part.key)) {
-            ++split.skippedParts;
-            split.skippedBytes += part.key.length;
-        } else {
-            split.toSend.push_back(std::move(part));
-        }
-    }
-    return split;
+    return std::max<uint64_t>(1, (*bytes + 500) / 1000);
 }
 
-// Runs the client over `parts`; returns its exit status.
-int transfer(const UploadOptions& options, const std::vector<PlannedPart>& parts, Journal* journal,
-             EventLog* events, const std::shared_ptr<StatusLine>& line,
-             Cancellation& cancellation) {
-    Split split = splitByJournal(parts, journal);
-    ProgressCounters counters(totalLength(parts), parts.size());
-    counters.doneBytes = split.skippedBytes;
-    counters.partsDone = split.skippedParts;
-    if (split.skippedParts > 0) {
-        line->print("pellorin: " + std::to_string(split.skippedParts) + " of " +
-                    countOf(parts.size(), "part") + " already done according to " +
-                    options.journal);
+// Where the embedded default assembles the copy: --dir, else beside the journal (so that the
+// same command resumes into the same copy), else a temporary folder.
+std::optional<std::filesystem::path> copyDirectory(const UploadOptions& options) {
+    if (!options.directory.empty()) {
+        return std::filesystem::path(options.directory);
     }
+    if (options.journal.empty()) {
+        return std::nullopt;
+    }
+    std::filesystem::path folder = options.journal + ".received";
+    std::error_code error;
+    std::filesystem::create_directories(folder, error);
+    if (error) {
+        throw InputError("cannot make " + folder.string() +
+                         " for the received copy: " + error.message());
+    }
+    return folder;
+}
 
-    auto client = PellorinClient::standardClient(options.rateLimit,
-                                                 static_cast<uint8_t>(options.maxConnections),
-                                                 static_cast<uint8_t>(options.maxRetries));
-    auto observer = std::make_shared<TransferObserver>(split.toSend, counters, line, journal);
-    client->addDelegate(observer, nullptr);
-    if (events) {
-        events->attach(*client);
+std::vector<Url> urlsOf(const std::vector<PlannedPart>& parts) {
+    std::vector<Url> urls;
+    for (const auto& part : parts) {
+        urls.push_back(part.url);
     }
-    for (const auto& part : split.toSend) {
-        client->uploadPartRequest(part.makeRequest());
-    }
-    int status = 0;
-    {
-        ProgressDisplay display(counters, line);
-        cancellation.attach(client, observer);
-        status = client->waitUntilFinished();
-        cancellation.attach(nullptr, nullptr);
-        display.stop();
-    }
-    if (events) {
-        events->drain();
-    }
-    if (observer->cancelled()) {
-        line->print("pellorin: cancelled with " + std::to_string(counters.partsDone.load()) +
-                    " of " + std::to_string(parts.size()) + " parts done" +
-                    (journal != nullptr ? " (recorded in " + options.journal + ")" : ""));
-    }
-    if (const auto metrics = observer->metrics()) {
-        std::printf("%s\n", transferSummary(*metrics, split.skippedParts).c_str());
-    } else if (!parts.empty()) {
-        std::printf("Nothing to send: all %zu parts were already done\n", parts.size());
-    }
-    std::fflush(stdout);
-    return status;
+    return urls;
+}
+
+TransferSettings settingsFor(const UploadOptions& options, const std::vector<PlannedPart>& parts,
+                             const NetworkOptions& network) {
+    TransferSettings settings;
+    settings.rateLimit = options.rateLimit;
+    settings.maxConnections = options.maxConnections;
+    settings.maxRetries = options.maxRetries;
+    settings.retryRounds = options.retryRounds;
+    settings.configuration =
+        resolveSessionConfiguration(network, urlsOf(parts), processEnvironment());
+    settings.reporterLines = options.reporterLines;
+    settings.journalName = options.journal;
+    return settings;
 }
 
 }  // namespace
@@ -158,77 +101,130 @@ int transfer(const UploadOptions& options, const std::vector<PlannedPart>& parts
 CLI::App* addUploadCommand(CLI::App& app, UploadOptions& options) {
     CLI::App* command = app.add_subcommand(
         "upload",
-        "Upload the parts of a reservation file, or upload FILE (a generated file when none is "
-        "given) to a local receiver run inside pellorin and check the copy");
+        "Upload FILE to a server (--to URL), the parts of a reservation file, or FILE (a "
+        "generated file when none is given) to a local receiver run inside pellorin, checking "
+        "the copy");
+    command->group("Options");
     auto* fileOption =
-        command->add_option("FILE", options.file, "File to upload to the embedded receiver")
-            ->type_name("FILE");
+        command->add_option("FILE", options.file, "File to upload")->type_name("FILE");
     auto* reservationOption =
         command
-            ->add_option(
-                "-r,--reservation", options.reservation,
-                "Reservation file (JSON array of {filePath, operation}) whose parts to upload")
+            ->add_option("-r,--reservation", options.reservation,
+                         "Reservation file (a JSON array of {filePath, operation}; see the README) "
+                         "whose parts to upload")
             ->type_name("FILE");
+    auto* toOption =
+        command
+            ->add_option("--to", options.to,
+                         "Upload FILE to this URL, one request per part; {part}, {offset}, "
+                         "{length} and {name} are replaced, e.g. "
+                         "'https://host/up/{name}?part={part}'")
+            ->type_name("URL");
+    auto* methodOption =
+        command->add_option("--method", options.method, "With --to: the HTTP method")
+            ->type_name("METHOD")
+            ->capture_default_str();
+    auto* headerOption =
+        command->add_option("-H,--header", options.headers, "With --to: 'Name: value' (repeatable)")
+            ->type_name("HEADER")
+            ->take_all();
     command->add_option("-c,--max-connections", options.maxConnections, "Parts in flight at once")
         ->type_name("N")
         ->check(CLI::Range(1u, 255u))
         ->capture_default_str();
-    command->add_option("--max-retries", options.maxRetries, "Retries per part")
+    command->add_option("--max-retries", options.maxRetries, "Retries per part within a round")
         ->type_name("N")
         ->check(CLI::Range(0u, 255u))
         ->capture_default_str();
     command
-        ->add_option_function<uint64_t>(
-            "--rate-limit", [&](uint64_t value) { options.rateLimit = value; },
-            "Bandwidth cap in KB/s (1000 bytes per second); none by default")
-        ->check(CLI::Range(uint64_t{1}, UINT64_MAX / 1000))
-        ->type_name("KBPS");
+        ->add_option("--retry-rounds", options.retryRounds,
+                     "Rounds of parts that failed for a passing reason (network errors, "
+                     "408/429/5xx), each after a wait")
+        ->type_name("N")
+        ->check(CLI::Range(0u, 100u))
+        ->capture_default_str();
+    command
+        ->add_option_function<std::string>(
+            "--rate-limit",
+            [&options](const std::string& text) {
+                const auto limit = rateLimitOf(text);
+                if (!limit) {
+                    throw CLI::ValidationError("--rate-limit",
+                                               "not a rate: \"" + text +
+                                                   "\" (write e.g. 500k, 10M, 1.5MB/s, 80Mbit; a "
+                                                   "bare number is KB/s)");
+                }
+                options.rateLimit = limit;
+            },
+            std::string("Bandwidth cap, e.g. 500k, 10M, 1.5MB/s, 80Mbit (") + kUnitsHelp +
+                "; a bare number is KB/s); none by default")
+        ->type_name("RATE");
     command
         ->add_option("--journal", options.journal,
                      "Record completed parts in this file and skip them when run again")
         ->type_name("FILE");
     command
         ->add_option("--events", options.events,
-                     "Write every event as a line of JSON to this file ('-': standard "
-                     "output)")
+                     "Write every event as a line of JSON (JSON Lines) to this file ('-': "
+                     "standard output)")
         ->type_name("FILE");
     auto* partSizeOption = addSizeOption(*command, "--part-size", options.partSize,
-                                         "Embedded default: bytes per part [8MiB]");
+                                         std::string("Bytes per part [8MiB] (") + kUnitsHelp + ")");
     auto* demoSizeOption = addSizeOption(*command, "--demo-size", options.demoSize,
-                                         "Embedded default without FILE: size of the generated "
-                                         "file [256MiB]");
+                                         "Without FILE: size of the generated file [256MiB]");
     auto* dirOption = command
                           ->add_option("--dir", options.directory,
-                                       "Embedded default: assemble the copy in this directory "
-                                       "(kept) instead of a temporary one")
+                                       "Embedded receiver: assemble the copy in this directory "
+                                       "(default: beside --journal, else a temporary one)")
                           ->type_name("DIR");
+    auto& network = options.network;
+    command->add_option("--ca-file", network.caFile, "Trust the CAs in this PEM file")
+        ->type_name("FILE");
+    command->add_option("--ca-dir", network.caDir, "Trust the CAs in this hashed directory")
+        ->type_name("DIR");
+    command
+        ->add_option("--proxy", network.proxy,
+                     "Proxy URL (http://host:port); '' for none whatever the environment says")
+        ->type_name("URL");
+    command
+        ->add_option("--noproxy", network.noProxy,
+                     "Hosts to reach directly, comma-separated ('*' for all)")
+        ->type_name("HOSTS");
+    command->add_flag("--http2", network.http2, "Use HTTP/2 where the server offers it");
+    command
+        ->add_option("--connect-timeout", network.connectTimeout,
+                     "Give up an attempt when nothing has moved for this many seconds, "
+                     "connecting included [60]")
+        ->type_name("SECS")
+        ->check(CLI::PositiveNumber);
     reservationOption->excludes(fileOption)
         ->excludes(partSizeOption)
         ->excludes(demoSizeOption)
-        ->excludes(dirOption);
-    demoSizeOption->excludes(fileOption);
+        ->excludes(dirOption)
+        ->excludes(toOption);
+    demoSizeOption->excludes(fileOption)->excludes(toOption);
+    toOption->excludes(dirOption);
+    methodOption->needs(toOption);
+    headerOption->needs(toOption);
 
     command->footer(
         "Examples:\n"
         "  pellorin upload --demo-size 1GiB\n"
-        "  pellorin upload big.iso --journal big.journal --rate-limit 50000\n"
-        "  pellorin upload -r reservation.json --max-connections 8 --events events.log\n"
+        "  pellorin upload big.iso --journal big.journal --rate-limit 50M\n"
+        "  pellorin upload big.iso --to 'https://host/up/{name}?part={part}' -H 'X-Token: t'\n"
+        "  pellorin upload -r reservation.json --max-connections 8 --events events.jsonl\n"
         "\nCtrl-C cancels cleanly; with --journal, running the same command again resumes.\n"
+        "Environment: CURL_CA_BUNDLE, SSL_CERT_FILE, SSL_CERT_DIR; http_proxy, https_proxy,\n"
+        "all_proxy, no_proxy (as curl reads them). Progress and the summary go to standard\n"
+        "error; standard output holds only --events -.\n"
         "Exit status: 0 when every part was uploaded (and the copy agrees), 1 when a part failed,\n"
-        "2 for bad input.\n");
+        "2 for bad input, 130 when cancelled by a signal.\n");
     return command;
 }
 
 int runUpload(const UploadOptions& options, const std::shared_ptr<StatusLine>& line) {
-    if (options.maxConnections < 1 || options.maxConnections > 255) {
-        throw InputError("--max-connections must be between 1 and 255");
-    }
-    if (options.maxRetries > 255) {
-        throw InputError("--max-retries must be between 0 and 255");
-    }
-    if (options.rateLimit && (*options.rateLimit == 0 || *options.rateLimit > UINT64_MAX / 1000)) {
-        throw InputError("--rate-limit must be between 1 and " + std::to_string(UINT64_MAX / 1000) +
-                         " KB/s");
+    if (!options.to.empty() && options.file.empty()) {
+        throw InputError("--to needs the FILE to upload");
     }
     Cancellation cancellation;
     SignalWatcher watcher([&](int) {
@@ -245,40 +241,57 @@ int runUpload(const UploadOptions& options, const std::shared_ptr<StatusLine>& l
     }
     try {
         if (!options.reservation.empty()) {
-            return transfer(options, readReservationFile(options.reservation), journal.get(),
-                            events.get(), line, cancellation);
+            const auto parts = readReservationFile(options.reservation);
+            return runTransfer(parts, settingsFor(options, parts, options.network), journal.get(),
+                               events.get(), line, cancellation);
+        }
+        if (!options.to.empty()) {
+            const auto parts = planTemplateParts(options.file, options.to, options.partSize,
+                                                 options.method, options.headers);
+            const TransferSettings settings = settingsFor(options, parts, options.network);
+            line->note("pellorin: uploading " + options.file + " (" +
+                       formatBytes(totalLength(parts)) + ", " + countOf(parts.size(), "part") +
+                       ") to " + redactUrls(parts.front().url.absoluteString()) +
+                       (parts.size() > 1 ? " ..." : ""));
+            return runTransfer(parts, settings, journal.get(), events.get(), line, cancellation);
         }
         std::unique_ptr<TemporaryDirectory> demoDirectory;
         std::string source = options.file;
         if (source.empty()) {
             demoDirectory = std::make_unique<TemporaryDirectory>();
             source = (demoDirectory->path() / "demo.bin").string();
-            line->print("pellorin: generating " + formatBytes(options.demoSize) + " in " + source);
+            line->note("pellorin: generating " + formatBytes(options.demoSize) + " in " + source);
             writeGeneratedFile(source, options.demoSize, cancellation.requested());
         }
-        EmbeddedTarget target(options.directory.empty()
-                                  ? std::nullopt
-                                  : std::optional<std::filesystem::path>(options.directory));
+        EmbeddedTarget target(copyDirectory(options));
         const auto parts = target.plan(source, options.partSize);
-        line->print("pellorin: uploading " + source + " (" + formatBytes(totalLength(parts)) +
-                    ", " + countOf(parts.size(), "part") + ") to " + target.baseUrl());
+        // The receiver inside the host is reached directly, whatever the environment says.
+        NetworkOptions direct = options.network;
+        direct.proxy = "";
+        const TransferSettings settings = settingsFor(options, parts, direct);
+        line->note("pellorin: uploading " + source + " (" + formatBytes(totalLength(parts)) + ", " +
+                   countOf(parts.size(), "part") + ") to " + target.baseUrl() + ", assembling " +
+                   target.copyOf(source).string());
         const int status =
-            transfer(options, parts, journal.get(), events.get(), line, cancellation);
-        if (status != 0 || cancellation.requested()) {
+            runTransfer(parts, settings, journal.get(), events.get(), line, cancellation);
+        if (status != 0) {
             return status;
         }
         const std::string sourceHash = sha256HexOfFile(source, cancellation.requested());
         const std::string copyHash =
             sha256HexOfFile(target.copyOf(source), cancellation.requested());
         if (sourceHash != copyHash) {
-            std::printf("Checksum mismatch: SHA-256 %s of %s, %s of the received copy\n",
-                        sourceHash.c_str(), source.c_str(), copyHash.c_str());
+            line->print("Checksum mismatch: SHA-256 " + sourceHash + " of " + source + ", " +
+                        copyHash + " of the received copy" +
+                        (journal ? " (remove " + options.journal +
+                                       " to send every part again if the copy was changed)"
+                                 : ""));
             return 1;
         }
-        const std::string kept =
-            options.directory.empty() ? "" : " " + target.copyOf(source).string();
-        std::printf("Checksums agree: SHA-256 %s of %s and of the received copy%s\n",
-                    sourceHash.c_str(), source.c_str(), kept.c_str());
+        const bool kept = !options.directory.empty() || !options.journal.empty();
+        line->note("Checksums agree: SHA-256 " + sourceHash + " of " + source +
+                   " and of the received copy" +
+                   (kept ? " " + target.copyOf(source).string() : ""));
         return 0;
     } catch (const Interrupted&) {
         line->print("pellorin: interrupted");

@@ -1,7 +1,7 @@
 // The command-line host: `pellorin upload`, `pellorin serve` and `pellorin reserve`. Parses the
 // command line, sets up logging and the terminal, and maps every outcome to an exit status: the
 // client's 0 or 1, 2 for a usage or input error (one line on standard error saying what is
-// wrong), 130 when interrupted outside a transfer.
+// wrong), 130 when cancelled by a signal.
 #include <unistd.h>
 
 #include <algorithm>
@@ -15,6 +15,7 @@
 #include <pellorin/PellorinClient.h>
 
 #include "HostError.h"
+#include "Redaction.h"
 #include "ReserveCommand.h"
 #include "ServeCommand.h"
 #include "SignalWatcher.h"
@@ -49,8 +50,15 @@ int run(int argc, char** argv) {
         ->check(CLI::IsMember({"trace", "debug", "info", "notice", "warning", "error", "critical"}))
         ->capture_default_str();
 
+    bool quiet = false;
+    bool secrets = false;
     UploadOptions upload;
     CLI::App* uploadCommand = addUploadCommand(app, upload);
+    uploadCommand->add_flag("-q,--quiet", quiet,
+                            "Print nothing but errors (no progress, no summary)");
+    uploadCommand->add_flag("--show-secrets", secrets,
+                            "Show URLs whole: query strings and passwords are replaced by *** "
+                            "otherwise");
     ServeOptions serve;
     CLI::App* serveCommand = addServeCommand(app, serve);
     ReserveOptions reserve;
@@ -63,6 +71,7 @@ int run(int argc, char** argv) {
         "  pellorin upload big.iso --journal big.journal\n"
         "  pellorin serve --port 8080 --dir /tmp/received\n"
         "  pellorin upload --reservation reservation.json --max-connections 8\n"
+        "  pellorin upload big.iso --to 'http://127.0.0.1:8080/upload/{name}?offset={offset}'\n"
         "\nRun 'pellorin <command> --help' for the options of a command.\n");
 
     // CLI11 reports an unknown command as a missing one; say what is wrong instead.
@@ -90,9 +99,12 @@ int run(int argc, char** argv) {
     }
 
     const bool eventsOnTerminal = upload.events == "-" && ::isatty(STDOUT_FILENO);
+    setShowSecrets(secrets);
     auto line = std::make_shared<StatusLine>(
-        stderr, uploadCommand->parsed() && ::isatty(STDERR_FILENO) && !eventsOnTerminal);
+        stderr, uploadCommand->parsed() && ::isatty(STDERR_FILENO) && !eventsOnTerminal, quiet);
     setUpLogging(logLevel, line);
+    const auto level = parseLevel(logLevel).value_or(Logger::Level::warning);
+    upload.reporterLines = level <= Logger::Level::notice;
     if (uploadCommand->parsed()) {
         return runUpload(upload, line);
     }

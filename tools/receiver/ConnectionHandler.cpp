@@ -1,17 +1,22 @@
 #include "receiver/ConnectionHandler.h"
 
 #include <fcntl.h>
+#include <linux/openat2.h>
+#include <sys/syscall.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <cctype>
 #include <cerrno>
 #include <cstring>
+#include <filesystem>
 #include <limits>
 #include <span>
 #include <string_view>
 
 #include "Platform/Encoding.h"
 #include "receiver/ReservationEndpoint.h"
+#include "receiver/UniqueFd.h"
 
 namespace pellorin::receiver {
 
@@ -31,6 +36,26 @@ using Headers = std::vector<std::pair<std::string, std::string>>;
 std::optional<uint64_t> decimalHeader(const RequestHead& head, std::string_view name) {
     const auto value = head.header(name);
     return value ? parseDecimal(*value) : std::nullopt;
+}
+
+// Opens `name` (one path component) for writing inside `directory`, never through a symbolic
+// link and never outside: openat2 with RESOLVE_BENEATH | RESOLVE_NO_SYMLINKS where the kernel has
+// it, else O_NOFOLLOW on the only component below the directory. -1 with errno on failure (ELOOP
+// or EXDEV for a link).
+int openBeneath(const std::filesystem::path& directory, const std::string& name) {
+    UniqueFd folder(::open(directory.c_str(), O_PATH | O_DIRECTORY | O_CLOEXEC));
+    if (!folder) {
+        return -1;
+    }
+    open_how how{};
+    how.flags = O_WRONLY | O_CREAT | O_NOFOLLOW | O_CLOEXEC;
+    how.mode = 0644;
+    how.resolve = RESOLVE_BENEATH | RESOLVE_NO_SYMLINKS;
+    const long fd = ::syscall(SYS_openat2, folder.get(), name.c_str(), &how, sizeof how);
+    if (fd >= 0 || errno != ENOSYS) {
+        return static_cast<int>(fd);
+    }
+    return ::openat(folder.get(), name.c_str(), O_WRONLY | O_CREAT | O_NOFOLLOW | O_CLOEXEC, 0644);
 }
 
 bool validPartName(const std::string& name) {
@@ -199,8 +224,11 @@ ConnectionHandler::Route ConnectionHandler::route(const RequestHead& head) const
     route.offset = *offset;
     if (options_.directory) {
         const auto file = *options_.directory / *name;
-        route.file.reset(::open(file.c_str(), O_WRONLY | O_CREAT | O_CLOEXEC, 0644));
-        if (!route.file) {
+        route.file.reset(openBeneath(*options_.directory, *name));
+        if (!route.file && (errno == ELOOP || errno == EXDEV)) {
+            route.status = 403;
+            route.message = "refusing to write through a symbolic link: " + *name + "\n";
+        } else if (!route.file) {
             route.status = 500;
             route.message = "cannot open " + file.string() + ": " + std::strerror(errno) + "\n";
         }
