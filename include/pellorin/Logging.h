@@ -18,14 +18,15 @@
 // <pellorin/LogHandlers.h>, which this header includes.
 #pragma once
 
-#include <concepts>
 #include <cstddef>
 #include <functional>
 #include <map>
 #include <memory>
 #include <optional>
 #include <ostream>
+#if __has_include(<source_location>)
 #include <source_location>
+#endif
 #include <sstream>
 #include <string>
 #include <string_view>
@@ -36,6 +37,46 @@
 #include <pellorin/Export.h>
 
 namespace pellorin {
+
+// Where a log call was written, filled in by the compiler at the call site. C++20 code gets
+// std::source_location; C++17 code gets the same four accessors from the compiler's builtins
+// (g++ and clang have them), which name the function without its signature.
+#if defined(__cpp_lib_source_location)
+using SourceLocation = std::source_location;
+#else
+class SourceLocation {
+  public:
+    static constexpr SourceLocation current(const char* file = __builtin_FILE(),
+                                            const char* function = __builtin_FUNCTION(),
+                                            unsigned line = __builtin_LINE()) noexcept {
+        return SourceLocation(file, function, line);
+    }
+    constexpr SourceLocation() noexcept = default;
+
+    constexpr const char* file_name() const noexcept { return file_; }
+    constexpr const char* function_name() const noexcept { return function_; }
+    constexpr unsigned line() const noexcept { return line_; }
+    constexpr unsigned column() const noexcept { return 0; }
+
+  private:
+    constexpr SourceLocation(const char* file, const char* function, unsigned line) noexcept
+        : file_(file), function_(function), line_(line) {}
+
+    const char* file_ = "";
+    const char* function_ = "";
+    unsigned line_ = 0;
+};
+#endif
+
+namespace detail {
+// True when `T` has a description() member returning something a std::string can be made from.
+template <typename T, typename = void>
+struct HasDescription : std::false_type {};
+template <typename T>
+struct HasDescription<T, std::enable_if_t<std::is_convertible_v<
+                             decltype(std::declval<const T&>().description()), std::string>>>
+    : std::true_type {};
+}  // namespace detail
 
 class LogHandler;
 
@@ -50,7 +91,7 @@ class PELLORIN_EXPORT Logger {
         Message(const char* text) : value(text) {}
         Message(std::string_view text) : value(text) {}
         const std::string& description() const { return value; }
-        bool operator==(const Message&) const = default;
+        bool operator==(const Message& other) const { return value == other.value; }
 
         std::string value;
     };
@@ -151,17 +192,15 @@ class PELLORIN_EXPORT Logger {
     // Logs at `level`. The entry's file, function and line are the call site's; its source is the
     // module of the call site's file (currentModule). Message and metadata are evaluated only when
     // the level is enabled.
-    template <typename M>
-    requires isMessageSource<M>
-    void log(Level level, M&& message,
-             std::source_location location = std::source_location::current()) const {
+    template <typename M, std::enable_if_t<isMessageSource<M>, int> = 0>
+    void log(Level level, M&& message, SourceLocation location = SourceLocation::current()) const {
         NoMetadata none;
         log(level, message, none, location);
     }
-    template <typename M, typename D>
-    requires isMessageSource<M> && isMetadataSource<D>
+    template <typename M, typename D,
+              std::enable_if_t<isMessageSource<M> && isMetadataSource<D>, int> = 0>
     void log(Level level, M&& message, D&& metadata,
-             std::source_location location = std::source_location::current()) const {
+             SourceLocation location = SourceLocation::current()) const {
         if (isEnabled(level)) {
             emit(level, message, metadata, currentModule(location.file_name()),
                  location.file_name(), location.function_name(), location.line());
@@ -169,15 +208,14 @@ class PELLORIN_EXPORT Logger {
     }
 
     // Logs with an explicitly given source, file, function and line.
-    template <typename M>
-    requires isMessageSource<M>
+    template <typename M, std::enable_if_t<isMessageSource<M>, int> = 0>
     void log(Level level, M&& message, std::string_view source, std::string_view file,
              std::string_view function, std::size_t line) const {
         NoMetadata none;
         log(level, message, none, source, file, function, line);
     }
-    template <typename M, typename D>
-    requires isMessageSource<M> && isMetadataSource<D>
+    template <typename M, typename D,
+              std::enable_if_t<isMessageSource<M> && isMetadataSource<D>, int> = 0>
     void log(Level level, M&& message, D&& metadata, std::string_view source, std::string_view file,
              std::string_view function, std::size_t line) const {
         if (isEnabled(level)) {
@@ -185,18 +223,16 @@ class PELLORIN_EXPORT Logger {
         }
     }
 
-#define PELLORIN_LOGGER_LEVEL_FUNCTION(name)                                                \
-    template <typename M>                                                                   \
-    requires isMessageSource<M>                                                             \
-    void name(M&& message, std::source_location location = std::source_location::current()) \
-        const {                                                                             \
-        log(Level::name, std::forward<M>(message), location);                               \
-    }                                                                                       \
-    template <typename M, typename D>                                                       \
-    requires isMessageSource<M> && isMetadataSource<D>                                      \
-    void name(M&& message, D&& metadata,                                                    \
-              std::source_location location = std::source_location::current()) const {      \
-        log(Level::name, std::forward<M>(message), std::forward<D>(metadata), location);    \
+#define PELLORIN_LOGGER_LEVEL_FUNCTION(name)                                                  \
+    template <typename M, std::enable_if_t<isMessageSource<M>, int> = 0>                      \
+    void name(M&& message, SourceLocation location = SourceLocation::current()) const {       \
+        log(Level::name, std::forward<M>(message), location);                                 \
+    }                                                                                         \
+    template <typename M, typename D,                                                         \
+              std::enable_if_t<isMessageSource<M> && isMetadataSource<D>, int> = 0>           \
+    void name(M&& message, D&& metadata, SourceLocation location = SourceLocation::current()) \
+        const {                                                                               \
+        log(Level::name, std::forward<M>(message), std::forward<D>(metadata), location);      \
     }
     PELLORIN_LOGGER_LEVEL_FUNCTION(trace)
     PELLORIN_LOGGER_LEVEL_FUNCTION(debug)
@@ -291,9 +327,7 @@ Logger::MetadataValue Logger::MetadataValue::stringConvertible(T value) {
       public:
         explicit Described(T value) : value_(std::move(value)) {}
         std::string description() const override {
-            if constexpr (requires {
-                              { value_.description() } -> std::convertible_to<std::string>;
-                          }) {
+            if constexpr (detail::HasDescription<T>::value) {
                 return value_.description();
             } else {
                 std::ostringstream text;

@@ -27,7 +27,10 @@ struct JSONRPCRequest {
     std::string id;  // chosen by the caller
     Params params;
 
-    bool operator==(const JSONRPCRequest&) const = default;
+    bool operator==(const JSONRPCRequest& other) const {
+        return jsonrpc == other.jsonrpc && method == other.method && id == other.id &&
+               params == other.params;
+    }
 };
 
 // A JSON-RPC answer: {"jsonrpc", "id", "result"}, all three required. Service errors arrive
@@ -38,7 +41,9 @@ struct JSONRPCResult {
     std::string id;
     Result result;
 
-    bool operator==(const JSONRPCResult&) const = default;
+    bool operator==(const JSONRPCResult& other) const {
+        return jsonrpc == other.jsonrpc && id == other.id && result == other.result;
+    }
 };
 
 // One file offered for upload. Immutable.
@@ -54,7 +59,11 @@ class PELLORIN_EXPORT FileDescription {
     const std::string& contentType() const { return contentType_; }              // a media type
     const std::string& uti() const { return uti_; }  // a uniform type identifier
 
-    bool operator==(const FileDescription&) const = default;
+    bool operator==(const FileDescription& other) const {
+        return fileName_ == other.fileName_ && fileSize_ == other.fileSize_ &&
+               checksum_ == other.checksum_ && checksumAlgorithm_ == other.checksumAlgorithm_ &&
+               contentType_ == other.contentType_ && uti_ == other.uti_;
+    }
 
   private:
     std::string fileName_;
@@ -100,7 +109,14 @@ class PELLORIN_EXPORT CreateReservationRequest {
     void setBaseVersion(std::string baseVersion) { baseVersion_ = std::move(baseVersion); }
     void setOSIdentifier(std::string osIdentifier) { osIdentifier_ = std::move(osIdentifier); }
 
-    bool operator==(const CreateReservationRequest&) const = default;
+    bool operator==(const CreateReservationRequest& other) const {
+        return username_ == other.username_ && password_ == other.password_ &&
+               lumoProviderName_ == other.lumoProviderName_ &&
+               newPackageName_ == other.newPackageName_ &&
+               fileDescriptions_ == other.fileDescriptions_ && application_ == other.application_ &&
+               version_ == other.version_ && baseVersion_ == other.baseVersion_ &&
+               osIdentifier_ == other.osIdentifier_;
+    }
 
   private:
     std::string username_;
@@ -128,7 +144,11 @@ struct Operation {
     std::string expires;  // the service's text, never parsed
     std::optional<std::string> entityTag;
 
-    bool operator==(const Operation&) const = default;
+    bool operator==(const Operation& other) const {
+        return method == other.method && uri == other.uri && headers == other.headers &&
+               partNumber == other.partNumber && offset == other.offset && length == other.length &&
+               expires == other.expires && entityTag == other.entityTag;
+    }
 };
 
 // What the service reserved for one file: keys "id", "file", "operations".
@@ -137,7 +157,9 @@ struct Reservation {
     std::string file;  // the file name the reservation is for
     std::vector<Operation> operations;
 
-    bool operator==(const Reservation&) const = default;
+    bool operator==(const Reservation& other) const {
+        return id == other.id && file == other.file && operations == other.operations;
+    }
 };
 
 // The result of a reservation call: keys "Reservations", "Errors", "Success" (required).
@@ -146,7 +168,10 @@ struct CreateReservationResult {
     std::optional<std::vector<std::string>> errors;        // the service's error texts
     bool success = false;
 
-    bool operator==(const CreateReservationResult&) const = default;
+    bool operator==(const CreateReservationResult& other) const {
+        return reservations == other.reservations && errors == other.errors &&
+               success == other.success;
+    }
 };
 
 // One entry of a reservation file: a local file path and one operation on it.
@@ -154,7 +179,9 @@ struct OperationPair {
     std::string filePath;
     Operation operation;
 
-    bool operator==(const OperationPair&) const = default;
+    bool operator==(const OperationPair& other) const {
+        return filePath == other.filePath && operation == other.operation;
+    }
 };
 
 // JSON text that does not decode into the expected records. The message names the fault's place:

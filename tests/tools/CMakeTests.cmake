@@ -7,7 +7,7 @@ endif()
 
 # <pellorin/pellorin.h> must stay valid C, down to C90: compiling one C file against it is the check.
 add_library(pellorin_c_header_check OBJECT ${CMAKE_CURRENT_LIST_DIR}/CHeaderCheck.c)
-target_include_directories(pellorin_c_header_check PRIVATE ${CMAKE_SOURCE_DIR}/include)
+target_include_directories(pellorin_c_header_check PRIVATE ${PROJECT_SOURCE_DIR}/include)
 set_target_properties(pellorin_c_header_check PROPERTIES C_STANDARD 90 C_STANDARD_REQUIRED ON
                       C_EXTENSIONS OFF)
 
@@ -57,7 +57,7 @@ if(Python3_FOUND AND TARGET pellorin_cli)
     if(pytest_interpreter)
       add_test(NAME python.module
                COMMAND ${pytest_interpreter} -m pytest -q -p no:cacheprovider
-                       ${CMAKE_SOURCE_DIR}/python/tests)
+                       ${PROJECT_SOURCE_DIR}/python/tests)
       set_tests_properties(python.module PROPERTIES TIMEOUT 60 ENVIRONMENT
         "PELLORIN_LIBRARY=$<TARGET_FILE:pellorin>;PELLORIN_BINARY=$<TARGET_FILE:pellorin_cli>;${c_interface_environment}")
     else()
