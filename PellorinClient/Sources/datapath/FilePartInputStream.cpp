@@ -23,6 +23,9 @@ constexpr auto kRetryPause = std::chrono::milliseconds(1);
 // a late round (a slow disk, a loaded machine) costs this part its lanes, never its progress,
 // and a cancelled transfer is never held longer than this by a body read.
 constexpr auto kBufferWait = std::chrono::milliseconds(10);
+// After a late buffer a part reads this many bytes by itself before it tries the lanes again,
+// so that a slow round thread does not cost it that wait on every read.
+constexpr uint64_t kLateRoundBackoff = 4 * PartReadAhead::kBufferSize;
 
 bool usesLanes(const MessageDigest& hasher) {
     return hasher.algorithm() == DigestAlgorithm::md5 && RoundHasher::enabled();
@@ -142,8 +145,7 @@ void FilePartInputStream::open() {
 
 void FilePartInputStream::joinRounds() {
     if (roundHasher_ && !joinedRounds_) {
-        roundHasher_->join(readAhead_);
-        joinedRounds_ = true;
+        joinedRounds_ = roundHasher_->join(readAhead_);
     }
 }
 
@@ -184,6 +186,7 @@ bool FilePartInputStream::rewind() {
         readAhead_->nextOffset = offset_;
     }
     currentOffset_.store(offset_, std::memory_order_relaxed);
+    lanesFrom_ = 0;
     status_.store(StreamStatus::open);
     return true;
 }
@@ -292,7 +295,7 @@ int64_t FilePartInputStream::serve(uint8_t* buffer, int64_t count) {
 }
 
 int64_t FilePartInputStream::serveMd5(uint8_t* buffer, int64_t count, uint64_t at) {
-    if (!inLanes_ && joinedRounds_ && roundHasher_->parts() >= 2) {
+    if (!inLanes_ && joinedRounds_ && at >= lanesFrom_ && roundHasher_->parts() >= 2) {
         enterLanes(at);
     }
     if (inLanes_) {
@@ -354,7 +357,8 @@ std::optional<int64_t> FilePartInputStream::serveFromLanes(uint8_t* buffer, int6
             lock.unlock();
             throw error;
         }
-        if (roundHasher_->parts() < 2 || std::chrono::steady_clock::now() >= deadline) {
+        const bool late = std::chrono::steady_clock::now() >= deadline;
+        if (late || roundHasher_->parts() < 2) {
             // Alone now, or the round is late: read by itself from here on. Every published
             // byte was served, so the lanes' digest is exactly that of the bytes served; a round
             // still filling for this part is dropped (generation bumped).
@@ -362,6 +366,9 @@ std::optional<int64_t> FilePartInputStream::serveFromLanes(uint8_t* buffer, int6
             part.restartLocked();
             part.laneMode = false;
             inLanes_ = false;
+            if (late) {
+                lanesFrom_ = currentOffset_.load(std::memory_order_relaxed) + kLateRoundBackoff;
+            }
             return std::nullopt;
         }
         part.waiting = true;

@@ -179,6 +179,7 @@ class FilePartInputStream : public InputStream {
     const std::shared_ptr<PartReadAhead> readAhead_;
     bool joinedRounds_ = false;  // readAhead_ is registered with roundHasher_
     bool inLanes_ = false;       // mirrors readAhead_->laneMode; reading thread only
+    uint64_t lanesFrom_ = 0;     // no lanes before this offset (after a late buffer)
     Md5Stream directMd5_;        // the digest off the lanes; reading thread only
     bool holdsFileReference_ = false;
     // Written once by the reading thread before failed_ is set; read by others after failed_.

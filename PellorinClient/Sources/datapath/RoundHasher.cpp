@@ -4,8 +4,10 @@
 
 #include <algorithm>
 #include <chrono>
+#include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <system_error>
 
 namespace pellorin {
 
@@ -80,23 +82,42 @@ RoundHasher::~RoundHasher() {
     if (thread.joinable()) {
         thread.join();
     }
+    if (std::getenv("PELLORIN_MD5_LANES_STATS") != nullptr) {
+        // A diagnostic for benchmarks: how full the lanes ran over the process's life.
+        const Md5Lanes::Occupancy o = lanes_.occupancy();
+        std::fprintf(stderr,
+                     "md5 lanes: %llu rounds, %llu blocks in %llu lane slots (%.1f%%), %llu kernel "
+                     "runs\n",
+                     static_cast<unsigned long long>(rounds()),
+                     static_cast<unsigned long long>(o.blocks),
+                     static_cast<unsigned long long>(o.laneSlots),
+                     o.laneSlots ? 100.0 * double(o.blocks) / double(o.laneSlots) : 0.0,
+                     static_cast<unsigned long long>(o.kernelRuns));
+    }
 }
 
-void RoundHasher::join(std::shared_ptr<PartReadAhead> part) {
-    std::lock_guard lock(mutex_);
-    parts_.push_back(std::move(part));
-    count_.store(parts_.size(), std::memory_order_release);
-    ++changes_;
-    if (!running_) {
-        // A thread that ended when idle has already left run() or is about to; it takes no
-        // lock on its way out.
-        if (thread_.joinable()) {
-            thread_.join();
+bool RoundHasher::join(std::shared_ptr<PartReadAhead> part) {
+    {
+        std::lock_guard lock(mutex_);
+        if (!running_) {
+            // A thread that ended when idle has already left run() or is about to; it takes
+            // no lock on its way out.
+            if (thread_.joinable()) {
+                thread_.join();
+            }
+            try {
+                thread_ = std::thread([this] { run(); });
+            } catch (const std::system_error&) {
+                return false;
+            }
+            running_ = true;
         }
-        running_ = true;
-        thread_ = std::thread([this] { run(); });
+        parts_.push_back(std::move(part));
+        count_.store(parts_.size(), std::memory_order_release);
+        ++changes_;
     }
     wake_.notify_one();
+    return true;
 }
 
 void RoundHasher::leave(const PartReadAhead* part) {

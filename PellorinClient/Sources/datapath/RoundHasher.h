@@ -94,12 +94,14 @@ class RoundHasher {
 
     RoundHasher() = default;
     // Stops and joins the thread (no part is registered by then: streams hold the hasher).
+    // With PELLORIN_MD5_LANES_STATS set, writes the round and occupancy counts to stderr.
     ~RoundHasher();
     RoundHasher(const RoundHasher&) = delete;
     RoundHasher& operator=(const RoundHasher&) = delete;
 
-    // Registers a part (starting the thread if it is not running) / unregisters it.
-    void join(std::shared_ptr<PartReadAhead> part);
+    // Registers a part, starting the thread if it is not running; false (nothing registered)
+    // when no thread can be started: the part then reads by itself. / Unregisters a part.
+    bool join(std::shared_ptr<PartReadAhead> part);
     void leave(const PartReadAhead* part);
     // The parts registered now.
     size_t parts() const { return count_.load(std::memory_order_acquire); }
