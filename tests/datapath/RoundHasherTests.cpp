@@ -79,8 +79,8 @@ class RoundHasherTest : public ::testing::Test {
         }
         stream->close();
         outcome.digest = hexString(stream->digestData());
-        outcome.certified =
-            stream->verifyRemoteChecksum(md5Hex(outcome.served)).kind == ChecksumStatusKind::matched;
+        outcome.certified = stream->verifyRemoteChecksum(md5Hex(outcome.served)).kind ==
+                            ChecksumStatusKind::matched;
         return outcome;
     }
 
@@ -153,6 +153,40 @@ TEST_F(RoundHasherTest, ALoneStreamReadsByItself) {
         runAll(file, {{0, 3 * PartReadAhead::kBufferSize + 9, Plan::readAll}});
     EXPECT_TRUE(outcomes[0].certified);
     EXPECT_EQ(hasher->rounds(), rounds);
+}
+
+TEST_F(RoundHasherTest, APartMovesOnAndOffTheLanesBesideAStalledOne) {
+    // `mover` reads alone, then beside `stalled` (which takes a buffer's worth and stops), then
+    // alone again once `stalled` is closed; its digest must survive both moves.
+    constexpr uint64_t kLength = 6 * PartReadAhead::kBufferSize + 11;
+    const auto path = temp.makeFile("f", 2 * kLength, 8);
+    std::ifstream in(path, std::ios::binary);
+    const std::vector<uint8_t> content{std::istreambuf_iterator<char>(in), {}};
+    auto file = std::make_shared<SharedFile>(path);
+    const std::shared_ptr<RoundHasher> hasher = RoundHasher::shared();
+    auto mover = filePart(DigestAlgorithm::md5, file, 1, 0, kLength, {});
+    auto stalled = filePart(DigestAlgorithm::md5, file, 2, kLength, kLength, {});
+    std::vector<uint8_t> served(kLength), scratch(100000);
+    uint64_t total = 0;
+    const auto readMover = [&](uint64_t upTo) {
+        for (int64_t n; total < upTo; total += static_cast<uint64_t>(n)) {
+            n = mover->read(served.data() + total, 100003);
+            ASSERT_GT(n, 0);
+        }
+    };
+    mover->open();
+    readMover(kLength / 4);
+    stalled->open();
+    ASSERT_GT(stalled->read(scratch.data(), 1000), 0);
+    const uint64_t rounds = hasher->rounds();
+    readMover(3 * kLength / 4);
+    EXPECT_GT(hasher->rounds(), rounds);
+    stalled->close();
+    readMover(kLength);
+    EXPECT_EQ(mover->read(scratch.data(), 1), 0);
+    EXPECT_TRUE(std::equal(served.begin(), served.end(), content.begin()));
+    EXPECT_EQ(hexString(mover->digestData()), md5Hex(served));
+    EXPECT_EQ(mover->verifyRemoteChecksum(md5Hex(served)).kind, ChecksumStatusKind::matched);
 }
 
 TEST_F(RoundHasherTest, AFileCutShortUnderTheRoundsIsNeverCertified) {

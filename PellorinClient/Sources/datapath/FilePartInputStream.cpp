@@ -334,8 +334,7 @@ std::optional<int64_t> FilePartInputStream::serveFromLanes(uint8_t* buffer, int6
     for (;;) {
         if (!part.ready.empty()) {
             ReadAheadBuffer& front = part.ready.front();
-            const size_t take =
-                std::min(static_cast<size_t>(count), front.size - front.served);
+            const size_t take = std::min(static_cast<size_t>(count), front.size - front.served);
             std::memcpy(buffer, front.data.get() + front.served, take);
             front.served += take;
             const bool drained = front.served == front.size;

@@ -37,8 +37,8 @@
 
 #include "Platform/InputStream.h"
 #include "Platform/Semaphore.h"
-#include "datapath/MessageDigest.h"
 #include "datapath/Md5Lanes.h"
+#include "datapath/MessageDigest.h"
 #include "datapath/RateLimiter.h"
 #include "datapath/RoundHasher.h"
 #include "datapath/SharedFile.h"

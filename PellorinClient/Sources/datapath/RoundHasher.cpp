@@ -215,10 +215,8 @@ void RoundHasher::publish(Job& job) {
             part.error = std::move(job.error);
             part.spare = std::move(job.buffer);
         } else {
-            part.ready.push_back(ReadAheadBuffer{.data = std::move(job.buffer),
-                                                 .size = job.got,
-                                                 .served = 0,
-                                                 .before = job.before});
+            part.ready.push_back(ReadAheadBuffer{
+                .data = std::move(job.buffer), .size = job.got, .served = 0, .before = job.before});
             part.md5 = job.after;
             part.nextOffset += job.got;
         }

@@ -66,16 +66,15 @@ struct PartReadAhead {
                               // dropped
     uint64_t nextOffset = 0;  // where read-ahead goes on
     Md5Stream md5;            // the digest of every byte published in this generation
-    std::deque<ReadAheadBuffer> ready;   // published, oldest (the one being served) first
-    std::unique_ptr<uint8_t[]> spare;    // a drained buffer kept for the next round
-    bool inRound = false;                // a round is filling a buffer for this part
-    bool waiting = false;                // the body stream waits for a buffer
+    std::deque<ReadAheadBuffer> ready;     // published, oldest (the one being served) first
+    std::unique_ptr<uint8_t[]> spare;      // a drained buffer kept for the next round
+    bool inRound = false;                  // a round is filling a buffer for this part
+    bool waiting = false;                  // the body stream waits for a buffer
     std::optional<SharedFileError> error;  // the read-ahead at nextOffset failed
 
     // True when the next round should read ahead for this part.
     bool eligibleLocked() const {
-        return laneMode && !inRound && !error && ready.size() < kBuffersPerPart &&
-               nextOffset < end;
+        return laneMode && !inRound && !error && ready.size() < kBuffersPerPart && nextOffset < end;
     }
     // The digest of exactly the bytes served in this generation.
     Md5Stream servedDigestLocked() const;
