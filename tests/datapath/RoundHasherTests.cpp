@@ -42,8 +42,16 @@ struct Outcome {
 
 class RoundHasherTest : public ::testing::Test {
   protected:
-    void SetUp() override { RoundHasher::setEnabled(true); }
-    void TearDown() override { RoundHasher::setEnabled(false); }
+    // A generous wait for buffers, so that slow rounds (sanitizers, a loaded machine) do not
+    // send the parts to their own reads and leave the lanes unused.
+    void SetUp() override {
+        RoundHasher::setEnabled(true);
+        RoundHasher::setBufferWait(std::chrono::seconds(5));
+    }
+    void TearDown() override {
+        RoundHasher::setEnabled(false);
+        RoundHasher::setBufferWait(std::chrono::milliseconds(10));
+    }
 
     // Reads `stream` per `plan` with random read sizes up to a little more than a buffer.
     static Outcome run(std::shared_ptr<FilePartInputStream> stream, Plan plan, uint32_t seed) {

@@ -19,10 +19,6 @@ namespace {
 // sharing one limiter do not all wake at the same instant.
 constexpr int64_t kMaxExhaustedPauseMicros = 4499;
 constexpr auto kRetryPause = std::chrono::milliseconds(1);
-// A transfer waits this long at most for its next read-ahead buffer before it reads by itself:
-// a late round (a slow disk, a loaded machine) costs this part its lanes, never its progress,
-// and a cancelled transfer is never held longer than this by a body read.
-constexpr auto kBufferWait = std::chrono::milliseconds(10);
 // After a late buffer a part reads this many bytes by itself before it tries the lanes again,
 // so that a slow round thread does not cost it that wait on every read.
 constexpr uint64_t kLateRoundBackoff = 4 * PartReadAhead::kBufferSize;
@@ -329,7 +325,7 @@ void FilePartInputStream::enterLanes(uint64_t at) {
 
 std::optional<int64_t> FilePartInputStream::serveFromLanes(uint8_t* buffer, int64_t count) {
     PartReadAhead& part = *readAhead_;
-    const auto deadline = std::chrono::steady_clock::now() + kBufferWait;
+    const auto deadline = std::chrono::steady_clock::now() + RoundHasher::bufferWait();
     std::unique_lock lock(part.mutex);
     for (;;) {
         if (!part.ready.empty()) {

@@ -25,6 +25,8 @@ std::atomic<bool>& enabledFlag() {
     return flag;
 }
 
+std::atomic<int64_t> bufferWaitMillis{10};
+
 }  // namespace
 
 Md5Stream PartReadAhead::servedDigestLocked() const {
@@ -69,6 +71,14 @@ bool RoundHasher::enabled() {
 
 void RoundHasher::setEnabled(bool enabled) {
     enabledFlag().store(enabled, std::memory_order_relaxed);
+}
+
+std::chrono::milliseconds RoundHasher::bufferWait() {
+    return std::chrono::milliseconds(bufferWaitMillis.load(std::memory_order_relaxed));
+}
+
+void RoundHasher::setBufferWait(std::chrono::milliseconds wait) {
+    bufferWaitMillis.store(wait.count(), std::memory_order_relaxed);
 }
 
 RoundHasher::~RoundHasher() {

@@ -21,6 +21,7 @@
 #pragma once
 
 #include <atomic>
+#include <chrono>
 #include <condition_variable>
 #include <cstdint>
 #include <deque>
@@ -90,6 +91,12 @@ class RoundHasher {
     // variable PELLORIN_MD5_LANES is "1" at the first call, or setEnabled says otherwise.
     static bool enabled();
     static void setEnabled(bool enabled);
+    // How long a body stream waits at most for its next buffer before it reads by itself: a
+    // late round (a slow disk, a loaded machine) costs the part its lanes, never its progress,
+    // and a cancelled transfer is never held longer than this by a body read. 10 ms unless set
+    // (tests under sanitizers, where rounds are slow, set more).
+    static std::chrono::milliseconds bufferWait();
+    static void setBufferWait(std::chrono::milliseconds wait);
 
     RoundHasher() = default;
     // Stops and joins the thread (no part is registered by then: streams hold the hasher).
