@@ -111,6 +111,16 @@ class RoundHasherTest : public ::testing::Test {
         return outcomes;
     }
 
+    // Waits (at most 5 s) until a round still under way has let go of the parts of `file`, so
+    // that its descriptor is closed before the next test counts descriptors.
+    static void settle(const std::shared_ptr<SharedFile>& file) {
+        const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(5);
+        while (file.use_count() > 1 && std::chrono::steady_clock::now() < deadline) {
+            std::this_thread::sleep_for(std::chrono::milliseconds(1));
+        }
+        EXPECT_EQ(file.use_count(), 1);
+    }
+
     testing::TempDir temp;
 };
 
@@ -150,6 +160,7 @@ TEST_F(RoundHasherTest, ConcurrentStreamsServeAndCertifyExactlyTheirRanges) {
     EXPECT_GT(after.blocks, before.blocks);
     EXPECT_GT(after.laneSlots, before.laneSlots);
     EXPECT_EQ(hasher->parts(), 0u);
+    settle(file);
 }
 
 TEST_F(RoundHasherTest, ALoneStreamReadsByItself) {
@@ -195,6 +206,9 @@ TEST_F(RoundHasherTest, APartMovesOnAndOffTheLanesBesideAStalledOne) {
     EXPECT_TRUE(std::equal(served.begin(), served.end(), content.begin()));
     EXPECT_EQ(hexString(mover->digestData()), md5Hex(served));
     EXPECT_EQ(mover->verifyRemoteChecksum(md5Hex(served)).kind, ChecksumStatusKind::matched);
+    mover.reset();
+    stalled.reset();
+    settle(file);
 }
 
 TEST_F(RoundHasherTest, AFileCutShortUnderTheRoundsIsNeverCertified) {
@@ -220,6 +234,8 @@ TEST_F(RoundHasherTest, AFileCutShortUnderTheRoundsIsNeverCertified) {
                   ChecksumStatusKind::failed);
         stream->close();
     }
+    streams.clear();
+    settle(file);
 }
 
 }  // namespace
