@@ -23,21 +23,22 @@ using Clock = std::chrono::steady_clock;
 constexpr long kUploadBufferSize = 512 * 1024;
 constexpr int64_t kProgressBytes = 256 * 1024;  // coalesce progress up to this much
 constexpr auto kProgressInterval = std::chrono::milliseconds(100);  // or up to this long
-constexpr size_t kMaxKeptResponseBody = 64 * 1024 * 1024;  // a kept reply larger is refused
+// A kept answer body larger than this is refused: the answers kept are short (JSON-RPC replies).
+constexpr size_t kMaxKeptResponseBody = 16 * 1024 * 1024;
 constexpr double kDefaultIdleSecs = 60.0;
 constexpr double kMaxIdleSecs = 1e7;  // keeps the conversions to milliseconds in range
 
-// The idle time-out: the smaller of the session's and the request's, each when it is usable.
-double idleTimeoutSecs(const SessionConfiguration& configuration, const HttpRequest& request) {
-    double result = kMaxIdleSecs;
-    bool any = false;
-    for (double candidate : {configuration.timeoutIntervalForRequest, request.timeoutInterval}) {
-        if (candidate > 0.0 && std::isfinite(candidate)) {
-            result = std::min(result, candidate);
-            any = true;
-        }
-    }
-    return any ? result : kDefaultIdleSecs;
+// The idle time-out is the session's (see SessionConfiguration.h); a request's own time-out does
+// not shorten it.
+double idleTimeoutSecs(const SessionConfiguration& configuration) {
+    const double secs = configuration.timeoutIntervalForRequest;
+    return (secs > 0.0 && std::isfinite(secs)) ? std::min(secs, kMaxIdleSecs) : kDefaultIdleSecs;
+}
+
+std::string secondsText(double secs) {
+    char text[32];
+    snprintf(text, sizeof text, "%g", secs);
+    return text;
 }
 
 bool validFieldName(const std::string& name) {
@@ -98,6 +99,9 @@ struct CurlTransfer::Impl {
 
     std::optional<PlatformError> configure();
     TransferOutcome run();
+    std::optional<PlatformError> judgeFinishedExchange();
+    bool resendOnNewConnection(CURLcode result);
+    std::shared_ptr<const HttpResponse> finalResponse() const;
     void noteProgress(int64_t totalSent, bool force);
     int64_t bodyBytesSent() const;
     void collectMetrics(TransferOutcome& outcome);
@@ -105,7 +109,6 @@ struct CurlTransfer::Impl {
     // libcurl callbacks, on the transfer thread.
     static size_t readBody(char* buffer, size_t size, size_t count, void* user);
     static size_t receiveBody(char* data, size_t size, size_t count, void* user);
-    static size_t receiveHeader(char* data, size_t size, size_t count, void* user);
     static int transferInfo(void* user, curl_off_t, curl_off_t, curl_off_t, curl_off_t uploaded);
     static int seekBody(void* user, curl_off_t offset, int origin);
 
@@ -126,17 +129,18 @@ struct CurlTransfer::Impl {
 
     // Transfer-thread state.
     int64_t bodyBytesRead = 0;
+    bool bodyEnded = false;  // the read callback has handed libcurl the body's last byte
     std::optional<PlatformError> bodyFailure;  // why the read callback aborted the transfer
     bool responseTooLarge = false;
     int64_t bytesReported = 0;  // body bytes already passed to observer.bodyBytesSent
     // libcurl resends a request whose reused connection turns out to have closed before any
-    // answer; that needs the body from its start, which a stream cannot give. The resend then
-    // fails, and libcurl has started its byte counts again, so the bytes the closed connection
-    // took are remembered here.
+    // answer, asking for the body from its start: the stream is rewound when it can be, and
+    // otherwise the resend fails. libcurl starts its byte counts again either way, so the most
+    // the closed connection took is remembered here.
     bool connectionClosedMidBody = false;
+    bool resent = false;            // sent once more on a new connection by resendOnNewConnection
     int64_t mostBodyBytesSent = 0;  // the highest upload count the progress callback saw
     Clock::time_point lastReport = Clock::now();
-    HttpResponseParser responseParser{request.url};
     std::vector<uint8_t> responseBody;
 };
 
@@ -171,7 +175,7 @@ std::optional<PlatformError> CurlTransfer::Impl::configure() {
         return urlError(URLError::unknown, "out of memory");
     }
 
-    const double idleSecs = idleTimeoutSecs(configuration, request);
+    const double idleSecs = idleTimeoutSecs(configuration);
     const bool secure = request.url.scheme() == "https";
     long httpVersion = CURL_HTTP_VERSION_1_1;
     if (configuration.httpVersion == HttpVersion::http2) {
@@ -185,7 +189,7 @@ std::optional<PlatformError> CurlTransfer::Impl::configure() {
         }
     };
     set(CURLOPT_ERRORBUFFER, errorText);
-    set(CURLOPT_URL, request.url.absoluteString().c_str());
+    set(CURLOPT_URL, request.url.normalizedString().c_str());
     set(CURLOPT_PROTOCOLS_STR, "http,https");
     set(CURLOPT_NOSIGNAL, 1L);
 #if LIBCURL_VERSION_NUM >= 0x075700
@@ -201,8 +205,6 @@ std::optional<PlatformError> CurlTransfer::Impl::configure() {
     set(CURLOPT_SEEKDATA, this);
     set(CURLOPT_WRITEFUNCTION, &Impl::receiveBody);
     set(CURLOPT_WRITEDATA, this);
-    set(CURLOPT_HEADERFUNCTION, &Impl::receiveHeader);
-    set(CURLOPT_HEADERDATA, this);
     set(CURLOPT_XFERINFOFUNCTION, &Impl::transferInfo);
     set(CURLOPT_XFERINFODATA, this);
     set(CURLOPT_NOPROGRESS, 0L);
@@ -242,13 +244,18 @@ TransferOutcome CurlTransfer::Impl::run() {
         outcome.error = std::move(error);
         return outcome;
     }
-    const auto idleLimit = std::chrono::duration_cast<Clock::duration>(
-        std::chrono::duration<double>(idleTimeoutSecs(configuration, request)));
+    const double idleSecs = idleTimeoutSecs(configuration);
+    const auto idleLimit =
+        std::chrono::duration_cast<Clock::duration>(std::chrono::duration<double>(idleSecs));
     Clock::time_point lastActivity = Clock::now();
+    // Once the body has gone out or the answer has begun, the whole answer must arrive within
+    // one idle time-out: an answer that trickles in keeps the transfer active but never ends.
+    Clock::time_point answerDeadline = Clock::time_point::max();  // max: not started
     curl_off_t lastUp = 0, lastDown = 0, lastHeader = 0;
     CURLcode result = CURLE_OK;
     bool finished = false;
     bool idle = false;
+    bool late = false;
     for (;;) {
         int running = 0;
         const CURLMcode multiResult = curl_multi_perform(multi, &running);
@@ -264,6 +271,11 @@ TransferOutcome CurlTransfer::Impl::run() {
                 if (message->msg == CURLMSG_DONE) {
                     result = message->data.result;
                 }
+            }
+            if (resendOnNewConnection(result)) {
+                lastActivity = Clock::now();
+                answerDeadline = Clock::time_point::max();
+                continue;
             }
             finished = true;
             break;
@@ -284,29 +296,42 @@ TransferOutcome CurlTransfer::Impl::run() {
             lastHeader = header;
             lastActivity = now;
         }
+        const bool bodySent = bodyLength >= 0 ? up >= bodyLength : bodyEnded;
+        if (answerDeadline == Clock::time_point::max() && (bodySent || header > 0 || down > 0)) {
+            answerDeadline = now + idleLimit;
+        }
         if (now - lastActivity >= idleLimit) {
             idle = true;
             break;
         }
-        const auto remaining =
-            std::chrono::duration_cast<std::chrono::milliseconds>(lastActivity + idleLimit - now);
+        if (now >= answerDeadline) {
+            late = true;
+            break;
+        }
+        const Clock::time_point wakeAt = std::min(lastActivity + idleLimit, answerDeadline);
+        const auto remaining = std::chrono::duration_cast<std::chrono::milliseconds>(wakeAt - now);
         const int waitMs = static_cast<int>(std::clamp<int64_t>(remaining.count() + 1, 1, 1000));
         curl_multi_poll(multi, nullptr, 0, waitMs, nullptr);
     }
 
     noteProgress(bodyBytesSent(), true);
     collectMetrics(outcome);
-    curl_multi_remove_handle(multi, easy);
 
     if (finished && result == CURLE_OK) {
-        outcome.error = std::nullopt;
+        outcome.error = judgeFinishedExchange();
+        if (!outcome.error) {
+            outcome.response = finalResponse();
+        }
     } else if (cancelled.load()) {
         outcome.error = urlError(URLError::cancelled, "the task was cancelled");
     } else if (idle) {
         outcome.error =
-            urlError(URLError::timedOut,
-                     "no byte moved for " +
-                         std::to_string(idleTimeoutSecs(configuration, request)) + " seconds");
+            urlError(URLError::timedOut, "no byte moved for " + secondsText(idleSecs) + " seconds");
+    } else if (late) {
+        outcome.error = urlError(URLError::timedOut, "the answer did not arrive in full within " +
+                                                         secondsText(idleSecs) +
+                                                         " seconds after it began or the body "
+                                                         "was sent");
     } else if (bodyFailure) {
         outcome.error = bodyFailure;
     } else if (connectionClosedMidBody) {
@@ -317,12 +342,78 @@ TransferOutcome CurlTransfer::Impl::run() {
     } else {
         outcome.error = platformErrorFromCurlCode(result, errorText);
     }
+    curl_multi_remove_handle(multi, easy);
     if (outcome.error) {
         outcome.error->userInfo.emplace(kFailingURLKey, request.url.absoluteString());
     }
-    outcome.response = responseParser.response();
     outcome.responseBody = std::move(responseBody);
     return outcome;
+}
+
+// A kept-alive connection the server closed as the request went out fails the transfer when
+// the request head had already gone (libcurl itself sends again only when the head could not be
+// sent, through seekBody). Such a request never reached an answer: when the connection was
+// reused, no byte of an answer came and the body can start again, it is sent once more on a new
+// connection (the failed one is closed).
+bool CurlTransfer::Impl::resendOnNewConnection(CURLcode result) {
+    if (resent || cancelled.load() || bodyFailure ||
+        (result != CURLE_SEND_ERROR && result != CURLE_RECV_ERROR && result != CURLE_GOT_NOTHING)) {
+        return false;
+    }
+    long newConnections = 0;
+    long headerBytes = 0;
+    curl_easy_getinfo(easy, CURLINFO_NUM_CONNECTS, &newConnections);
+    curl_easy_getinfo(easy, CURLINFO_HEADER_SIZE, &headerBytes);
+    if (newConnections != 0 || headerBytes != 0 || !body->rewind()) {
+        return false;
+    }
+    mostBodyBytesSent = std::max<int64_t>(mostBodyBytesSent, bodyBytesSent());
+    curl_multi_remove_handle(multi, easy);
+    bodyBytesRead = 0;
+    bodyEnded = false;
+    errorText[0] = '\0';
+    resent = true;
+    return curl_multi_add_handle(multi, easy) == CURLM_OK;
+}
+
+// libcurl finished the exchange without an error. It is an answer only when libcurl parsed a
+// final status and the whole body went out before it: a server that answers after reading part
+// of the body has not stored all of it, whatever its status says.
+std::optional<PlatformError> CurlTransfer::Impl::judgeFinishedExchange() {
+    long status = 0;
+    curl_easy_getinfo(easy, CURLINFO_RESPONSE_CODE, &status);
+    if (status < 200 || status > 999) {
+        return urlError(
+            URLError::cannotParseResponse,
+            "the exchange ended without a final answer (status " + std::to_string(status) + ")");
+    }
+    curl_off_t sent = 0;
+    curl_easy_getinfo(easy, CURLINFO_SIZE_UPLOAD_T, &sent);
+    if (bodyLength >= 0 && sent < bodyLength) {
+        PlatformError error =
+            urlError(URLError::networkConnectionLost,
+                     "status " + std::to_string(status) + " after " + std::to_string(sent) +
+                         " of " + std::to_string(bodyLength) + " body bytes");
+        error.localizedDescription = "The server answered (status " + std::to_string(status) +
+                                     ") before the whole body was sent: " + std::to_string(sent) +
+                                     " of " + std::to_string(bodyLength) + " bytes went out.";
+        return error;
+    }
+    return std::nullopt;
+}
+
+// The final answer as libcurl parsed it: its status, and the fields of the last response only
+// (interim 1xx answers, a proxy's answer to CONNECT and trailers are other origins or requests).
+std::shared_ptr<const HttpResponse> CurlTransfer::Impl::finalResponse() const {
+    long status = 0;
+    curl_easy_getinfo(easy, CURLINFO_RESPONSE_CODE, &status);
+    HttpHeaderFields fields;
+    for (curl_header* field = curl_easy_nextheader(easy, CURLH_HEADER, -1, nullptr);
+         field != nullptr; field = curl_easy_nextheader(easy, CURLH_HEADER, -1, field)) {
+        fields.emplace_back(field->name, field->value);
+    }
+    return std::make_shared<const HttpResponse>(static_cast<int>(status), std::move(fields),
+                                                request.url);
 }
 
 void CurlTransfer::Impl::noteProgress(int64_t totalSent, bool force) {
@@ -383,6 +474,7 @@ size_t CurlTransfer::Impl::readBody(char* buffer, size_t size, size_t count, voi
         // Never more than the announced length, so the server sees exactly the body it expects.
         wanted = std::min(wanted, self.bodyLength - self.bodyBytesRead);
         if (wanted == 0) {
+            self.bodyEnded = true;
             return 0;
         }
     }
@@ -401,6 +493,7 @@ size_t CurlTransfer::Impl::readBody(char* buffer, size_t size, size_t count, voi
         return CURL_READFUNC_ABORT;
     }
     self.bodyBytesRead += got;
+    self.bodyEnded = got == 0;
     return static_cast<size_t>(got);
 }
 
@@ -417,17 +510,6 @@ size_t CurlTransfer::Impl::receiveBody(char* data, size_t size, size_t count, vo
     return length;
 }
 
-size_t CurlTransfer::Impl::receiveHeader(char* data, size_t size, size_t count, void* user) {
-    Impl& self = *static_cast<Impl*>(user);
-    const size_t length = size * count;
-    if (auto response = self.responseParser.addLine(std::string_view(data, length))) {
-        if (self.observer.responseReceived) {
-            self.observer.responseReceived(std::move(response));
-        }
-    }
-    return length;
-}
-
 int CurlTransfer::Impl::transferInfo(void* user, curl_off_t, curl_off_t, curl_off_t,
                                      curl_off_t uploaded) {
     Impl& self = *static_cast<Impl*>(user);
@@ -436,8 +518,17 @@ int CurlTransfer::Impl::transferInfo(void* user, curl_off_t, curl_off_t, curl_of
     return self.cancelled.load() ? 1 : 0;
 }
 
-int CurlTransfer::Impl::seekBody(void* user, curl_off_t /*offset*/, int /*origin*/) {
-    static_cast<Impl*>(user)->connectionClosedMidBody = true;
+// libcurl asks for the body from its start when it sends the request again on a fresh
+// connection because the reused one had closed. A stream that can restart (with a fresh digest)
+// is rewound; any other seek cannot be served.
+int CurlTransfer::Impl::seekBody(void* user, curl_off_t offset, int origin) {
+    Impl& self = *static_cast<Impl*>(user);
+    if (offset == 0 && origin == SEEK_SET && self.body->rewind()) {
+        self.bodyBytesRead = 0;
+        self.bodyEnded = false;
+        return CURL_SEEKFUNC_OK;
+    }
+    self.connectionClosedMidBody = true;
     return CURL_SEEKFUNC_CANTSEEK;
 }
 

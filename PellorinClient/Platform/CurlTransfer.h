@@ -7,6 +7,13 @@
 // libcurl's read callback on the transfer thread, so a read that sleeps (rate limiting) holds up
 // this transfer only. Observer callbacks also run on the transfer thread. Internal to the HTTP
 // session service: it does not know about sessions, delegates or queues.
+//
+// What the outcome promises: no error means libcurl parsed a final answer (status 200-999) and
+// every byte of a body of known length went out before it. An answer that came earlier is an
+// error (URLError::networkConnectionLost, its description naming the status and the bytes sent),
+// since the server cannot have stored what it never received. The idle time-out is the session's;
+// once the body has gone out or the answer has begun, the whole answer must arrive within one
+// more idle time-out, or the transfer ends as timed out.
 #pragma once
 
 #include <atomic>
@@ -28,15 +35,14 @@
 namespace pellorin {
 
 struct TransferOutcome {
-    std::optional<PlatformError> error;            // none on success (any HTTP status)
-    std::shared_ptr<const HttpResponse> response;  // the final response, when one arrived
+    std::optional<PlatformError> error;  // none on success (any HTTP status)
+    // The final response as libcurl parsed it; set exactly when there is no error.
+    std::shared_ptr<const HttpResponse> response;
     TransactionMetrics metrics;
     std::vector<uint8_t> responseBody;  // kept only when asked for
 };
 
 struct TransferObserver {
-    // The final response's status line and headers have arrived.
-    std::function<void(std::shared_ptr<const HttpResponse>)> responseReceived;
     // Request body bytes went out: since the last call, and in total. The calls are coalesced;
     // their sum is the body bytes sent.
     std::function<void(int64_t bytesSent, int64_t totalBytesSent)> bodyBytesSent;

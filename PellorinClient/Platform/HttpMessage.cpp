@@ -67,29 +67,4 @@ std::optional<int64_t> requestBodyLength(const HttpRequest& request) {
     return length.value_or(-1);
 }
 
-std::shared_ptr<const HttpResponse> HttpResponseParser::addLine(std::string_view line) {
-    if (response_) {
-        return nullptr;  // trailers after the final response
-    }
-    if (line.starts_with("HTTP/")) {
-        // A status line starts a new block ("HTTP/1.1 200 OK", "HTTP/2 200").
-        const size_t space = line.find(' ');
-        const std::string code =
-            space == std::string_view::npos ? "" : trimmed(line.substr(space + 1, 3));
-        status_ = (code.size() == 3 && isDecimal(code)) ? std::stoi(code) : 0;
-        fields_.clear();
-    } else if (trimmed(line).empty()) {
-        if (status_ >= 200) {
-            response_ = std::make_shared<const HttpResponse>(status_, std::move(fields_), url_);
-            return response_;
-        }
-        fields_.clear();  // the end of an interim block
-    } else if ((line.front() == ' ' || line.front() == '\t') && !fields_.empty()) {
-        fields_.back().second += " " + trimmed(line);  // folded continuation line
-    } else if (const size_t colon = line.find(':'); colon != std::string_view::npos) {
-        fields_.emplace_back(trimmed(line.substr(0, colon)), trimmed(line.substr(colon + 1)));
-    }
-    return nullptr;
-}
-
 }  // namespace pellorin

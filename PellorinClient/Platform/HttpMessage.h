@@ -1,8 +1,8 @@
 // HTTP request and response values of the HTTP session service.
 //
 // HttpRequest is a plain value built by the caller and copied into the task that sends it.
-// HttpResponse is immutable once made by the transfer thread and shared read-only
-// (std::shared_ptr<const HttpResponse>); any thread may read it.
+// HttpResponse is immutable once made by the transfer thread from libcurl's parse and shared
+// read-only (std::shared_ptr<const HttpResponse>); any thread may read it.
 #pragma once
 
 #include <cstdint>
@@ -36,7 +36,8 @@ struct HttpRequest {
     Url url;
     std::string httpMethod = "GET";
     CachePolicy cachePolicy = CachePolicy::useProtocolCachePolicy;
-    // Idle time-out in seconds; the smaller of this and the session's applies.
+    // Kept for the record: the session's idle time-out governs the task (see
+    // SessionConfiguration::timeoutIntervalForRequest), whether this is smaller or larger.
     double timeoutInterval = 60.0;
     // Sent in this order. "Content-Length" gives the body length of a streamed upload and is
     // sent once, whatever the list holds.
@@ -70,24 +71,6 @@ class HttpResponse {
     int statusCode_;
     HttpHeaderFields headerFields_;
     Url url_;
-};
-
-// Builds the final response of an exchange from its header lines as they arrive: status lines,
-// fields (folded lines joined), blank lines; interim 1xx blocks and trailers are skipped. One
-// thread at a time.
-class HttpResponseParser {
-  public:
-    explicit HttpResponseParser(Url url) : url_(std::move(url)) {}
-    // Takes one line, line break included. Returns the response when this line completes it.
-    std::shared_ptr<const HttpResponse> addLine(std::string_view line);
-    // The final response once complete, else null.
-    const std::shared_ptr<const HttpResponse>& response() const { return response_; }
-
-  private:
-    const Url url_;
-    int status_ = 0;  // of the header block being received
-    HttpHeaderFields fields_;
-    std::shared_ptr<const HttpResponse> response_;
 };
 
 }  // namespace pellorin

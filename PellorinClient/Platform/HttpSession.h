@@ -7,6 +7,12 @@
 // once no task is left, urlSessionDidBecomeInvalidWithError comes last, exactly once; the
 // session then lets its delegate go. No callback runs anywhere but on the delegate queue.
 //
+// Time: the configuration's idle time-out alone governs each task (a request's own time-out does
+// not shorten it), and once a task's body has gone out or its answer has begun, the whole answer
+// must arrive within one more idle time-out. A task that ends without an error always carries
+// libcurl's parse of the final answer; an answer that came before the whole body is an error.
+// A task that cannot get a thread completes with a kPOSIXErrorDomain error (EAGAIN).
+//
 // Ownership: the session keeps its delegate until it has become invalid, and its unfinished
 // tasks; a running task keeps its session. Public member functions may be called from any
 // thread, delegate callbacks included.

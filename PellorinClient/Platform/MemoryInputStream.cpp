@@ -44,6 +44,16 @@ int64_t MemoryInputStream::read(uint8_t* buffer, int64_t maxLength) {
     return static_cast<int64_t>(count);
 }
 
+bool MemoryInputStream::rewind() {
+    std::lock_guard lock(mutex_);
+    if (status_ != StreamStatus::open && status_ != StreamStatus::atEnd) {
+        return false;
+    }
+    position_ = 0;
+    status_ = bytes_.empty() ? StreamStatus::atEnd : StreamStatus::open;
+    return true;
+}
+
 bool MemoryInputStream::hasBytesAvailable() const {
     std::lock_guard lock(mutex_);
     return status_ == StreamStatus::open && position_ < bytes_.size();

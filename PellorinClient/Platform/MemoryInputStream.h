@@ -19,6 +19,8 @@ class MemoryInputStream : public InputStream {
     void open() override;
     void close() override;
     int64_t read(uint8_t* buffer, int64_t maxLength) override;
+    // Back to the first byte while open (or at its end).
+    bool rewind() override;
     bool hasBytesAvailable() const override;
     StreamStatus streamStatus() const override;
 

@@ -4,6 +4,7 @@
 #include <condition_variable>
 #include <memory>
 #include <mutex>
+#include <system_error>
 #include <thread>
 #include <vector>
 
@@ -113,7 +114,7 @@ void serve(const std::shared_ptr<Worker>& worker) {
 
 }  // namespace
 
-void run(Job job) {
+bool run(Job job) {
     Pool& p = pool();
     {
         std::lock_guard lock(p.mutex);
@@ -122,7 +123,7 @@ void run(Job job) {
             p.idle.pop_back();
             worker->job = std::move(job);
             worker->wake.notify_one();
-            return;
+            return true;
         }
     }
     auto worker = std::make_shared<Worker>();
@@ -130,10 +131,17 @@ void run(Job job) {
     // Counted before it starts: once the job has reported its outcome, the whole transfer may
     // end and the process exit while this thread is still on its way out.
     workerThreads::countWorkerFromStart();
-    std::thread([worker] {
-        workerThreads::workerCountedFromStart();
-        serve(worker);
-    }).detach();
+    try {
+        std::thread([worker] {
+            workerThreads::workerCountedFromStart();
+            serve(worker);
+        }).detach();
+    } catch (const std::system_error&) {
+        workerThreads::workerNeverStarted();
+        worker->job = nullptr;
+        return false;
+    }
+    return true;
 }
 
 }  // namespace pellorin::transferThreads

@@ -35,8 +35,9 @@ inline constexpr std::chrono::milliseconds kIdleLife{200};
 
 // Runs `job` on an idle transfer thread (the one idle the shortest time), or on a new one. The
 // job must have taken its easy handle out of the multi handle and reset it when it returns, and
-// must not keep the handles. Any thread.
-void run(std::function<void(const CurlHandles&)> job);
+// must not keep the handles. Returns false, with the job destroyed unrun, when no thread is idle
+// and the system refuses a new one (out of threads or memory). Any thread.
+bool run(std::function<void(const CurlHandles&)> job);
 
 }  // namespace transferThreads
 

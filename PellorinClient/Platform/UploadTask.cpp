@@ -1,5 +1,7 @@
 #include "Platform/UploadTask.h"
 
+#include <cerrno>
+
 #include "Platform/CurlTransfer.h"
 #include "Platform/HttpSession.h"
 #include "Platform/MemoryInputStream.h"
@@ -62,21 +64,31 @@ UploadTask::UploadTask(Passkey, std::weak_ptr<HttpSession> session, uint64_t tas
       completionHandler_(std::move(completionHandler)) {}
 
 void UploadTask::resume() {
-    std::lock_guard lock(mutex_);
-    if (state_ != State::suspended) {
-        return;
+    std::shared_ptr<HttpSession> session;
+    {
+        std::lock_guard lock(mutex_);
+        if (state_ != State::suspended) {
+            return;
+        }
+        session = session_.lock();
+        if (!session) {
+            return;  // the session is gone: nobody would hear of the outcome
+        }
+        state_ = State::running;
+        if (transferThreads::run(
+                [self = shared_from_this(), session](const CurlHandles& handles) mutable {
+                    self->run(session, handles);
+                    session.reset();
+                    self.reset();
+                })) {
+            return;
+        }
     }
-    std::shared_ptr<HttpSession> session = session_.lock();
-    if (!session) {
-        return;  // the session is gone: nobody would hear of the outcome
-    }
-    state_ = State::running;
-    transferThreads::run([self = shared_from_this(),
-                          session = std::move(session)](const CurlHandles& handles) mutable {
-        self->run(session, handles);
-        session.reset();
-        self.reset();
-    });
+    // The system refused a thread: the task ends with an error its owner may retry.
+    PlatformError error{
+        std::string(kPOSIXErrorDomain), EAGAIN, "No thread could be created for the transfer.", {}};
+    error.userInfo.emplace(kFailingURLKey, request_.url.absoluteString());
+    complete(*session, TaskMetrics{}, std::move(error), std::nullopt);
 }
 
 void UploadTask::cancel() {
@@ -193,10 +205,6 @@ UploadTask::Outcome UploadTask::transfer(HttpSession& session, const CurlHandles
                                          const std::shared_ptr<InputStream>& stream,
                                          int64_t bodyLength) {
     TransferObserver observer;
-    observer.responseReceived = [this](std::shared_ptr<const HttpResponse> response) {
-        std::lock_guard lock(mutex_);
-        response_ = std::move(response);
-    };
     if (isStreamed()) {
         observer.bodyBytesSent = [this, &session, bodyLength](int64_t sent, int64_t total) {
             session.notifyDelegate(
@@ -219,9 +227,7 @@ UploadTask::Outcome UploadTask::transfer(HttpSession& session, const CurlHandles
     {
         std::lock_guard lock(mutex_);
         activeTransfer_ = nullptr;
-        if (!response_) {
-            response_ = result.response;
-        }
+        response_ = result.response;
     }
     Outcome outcome;
     outcome.metrics.transactionMetrics.push_back(result.metrics);

@@ -62,7 +62,7 @@ class UploadTask : public std::enable_shared_from_this<UploadTask> {
     void cancel();
     // "UploadTask{taskIdentifier: 1, PUT http://host/path, state: running}".
     std::string description() const;
-    // The final response, from the moment its headers have arrived.
+    // The final response, once the task has completed without an error.
     std::shared_ptr<const HttpResponse> response() const;
     const HttpRequest& originalRequest() const { return request_; }
     State state() const;

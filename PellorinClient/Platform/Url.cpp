@@ -40,6 +40,7 @@ std::optional<Url> Url::parse(std::string_view text) {
         return std::nullopt;
     }
     Url url;
+    url.text_ = owned;
     url.absolute_ = urlPart(handle.get(), CURLUPART_URL);
     url.scheme_ = urlPart(handle.get(), CURLUPART_SCHEME);
     url.host_ = urlPart(handle.get(), CURLUPART_HOST);

@@ -42,9 +42,12 @@ const char* standardDescription(int64_t code) {
 int64_t urlErrorCode(int curlCode, const std::string& text) {
     switch (static_cast<CURLcode>(curlCode)) {
         case CURLE_UNSUPPORTED_PROTOCOL:
-            // A reply without an HTTP status line is reported with this code too.
-            return text.find("HTTP/0.9") != std::string::npos ? URLError::cannotParseResponse
-                                                              : URLError::unsupportedURL;
+            // A reply without an HTTP status line, or with a status line libcurl cannot read,
+            // is reported with this code too.
+            return text.find("HTTP/0.9") != std::string::npos ||
+                           text.find("in response") != std::string::npos
+                       ? URLError::cannotParseResponse
+                       : URLError::unsupportedURL;
         case CURLE_NOT_BUILT_IN:
             return URLError::unsupportedURL;
         case CURLE_URL_MALFORMAT:

@@ -75,6 +75,13 @@ void workerCountedFromStart() {
     currentThreadCounted = true;
 }
 
+void workerNeverStarted() {
+    auto& threads = detachedThreads();
+    std::lock_guard lock(threads.mutex);
+    --threads.running;
+    threads.finished.notify_all();
+}
+
 void workerThreadFinishing() {
     // The crypto library keeps per-thread state (its error queue) that it frees only when the
     // thread ends; free it now, while the thread is still accounted for.

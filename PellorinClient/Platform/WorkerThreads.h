@@ -21,6 +21,8 @@ void markCurrentThreadDetached();
 // worker calls workerCountedFromStart() first thing.
 void countWorkerFromStart();
 void workerCountedFromStart();
+// Takes back countWorkerFromStart() when the worker's thread could not be created.
+void workerNeverStarted();
 
 // Registers `hook` to run at process exit just before the wait for running workers: a pool
 // tells its idle workers to end there, so the wait does not last their idle time.

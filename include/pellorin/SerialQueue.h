@@ -16,6 +16,8 @@ namespace pellorin {
 
 class PELLORIN_EXPORT SerialQueue {
   public:
+    // Starts the queue's thread; throws std::system_error when the system refuses one (out of
+    // threads), so that whoever makes the queue can fail cleanly instead of the process aborting.
     explicit SerialQueue(std::string label);
     ~SerialQueue();
     SerialQueue(const SerialQueue&) = delete;

@@ -19,7 +19,9 @@ struct PELLORIN_EXPORT SessionConfiguration {
     static SessionConfiguration ephemeral() { return SessionConfiguration{}; }
 
     // Idle time-out in seconds: a task fails as timed out when no byte has moved for this long.
-    // A request's own time-out is an idle time-out too; the smaller of the two applies.
+    // It alone governs a task's idle time; a request's own time-out does not shorten it. It also
+    // bounds the answer: once the body has gone out or the answer has begun, the whole answer
+    // must arrive within one more idle time-out, so an answer that trickles in ends as timed out.
     double timeoutIntervalForRequest = 60.0;
     // Connections below this TLS version are refused. Certificate verification is always on.
     TLSVersion minimumTLSVersion = TLSVersion::v1_2;

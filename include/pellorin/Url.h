@@ -15,8 +15,11 @@ class PELLORIN_EXPORT Url {
     // value when the text does not form a URL.
     static std::optional<Url> parse(std::string_view text);
 
-    // The URL as text, in the parser's normalised form (e.g. "http://h" reads "http://h/").
-    const std::string& absoluteString() const { return absolute_; }
+    // The URL as text, exactly as it was given to parse() (no added slash, no case change):
+    // what messages and records show.
+    const std::string& absoluteString() const { return text_; }
+    // The URL in the parser's normalised form (e.g. "http://h" reads "http://h/"): what is sent.
+    const std::string& normalizedString() const { return absolute_; }
     const std::string& scheme() const { return scheme_; }
     const std::string& host() const { return host_; }
     // The port as written, or no value when the URL relies on the scheme's default.
@@ -24,10 +27,12 @@ class PELLORIN_EXPORT Url {
     // Path and query as sent in a request line ("/a/b?c=d"); "/" at least.
     const std::string& pathAndQuery() const { return pathAndQuery_; }
 
-    bool operator==(const Url& other) const { return absolute_ == other.absolute_; }
+    // Equal when given as the same text.
+    bool operator==(const Url& other) const { return text_ == other.text_; }
 
   private:
     Url() = default;
+    std::string text_;
     std::string absolute_;
     std::string scheme_;
     std::string host_;

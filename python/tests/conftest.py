@@ -3,9 +3,6 @@ itself) and the receiver is `pellorin serve` from $PELLORIN_BINARY, started per 
 127.0.0.1 with an ephemeral port."""
 
 import os
-import re
-import select
-import signal
 import subprocess
 import sys
 
@@ -15,26 +12,21 @@ HERE = os.path.dirname(os.path.abspath(__file__))
 sys.path.insert(0, os.path.dirname(HERE))  # the package under test, not an installed one
 # nginx and tinyproxy, started by the tests (tests/support/thirdparty.py).
 sys.path.insert(0, os.path.join(os.path.dirname(os.path.dirname(HERE)), "tests", "support"))
+# The receiver run in the background, shared with the host's tests.
+sys.path.insert(0, os.path.join(os.path.dirname(os.path.dirname(HERE)), "tests", "tools"))
+
+import served  # noqa: E402
 
 
-class Receiver:
+class Receiver(served.Server):
+    """`pellorin serve` assembling uploads in `directory`, with part URLs made for the module."""
+
     def __init__(self, binary, directory):
+        super().__init__(binary, str(directory))
         self.directory = directory
-        self.process = subprocess.Popen([binary, "serve", "--dir", str(directory)],
-                                        stdout=subprocess.PIPE, text=True)
-        ready, _, _ = select.select([self.process.stdout], [], [], 10)
-        assert ready, "serve said nothing"
-        first = self.process.stdout.readline()
-        match = re.search(r"http://127\.0\.0\.1:\d+", first)
-        assert match, first
-        self.base = match.group(0)
 
     def url(self, name):
         return lambda number, offset, length: f"{self.base}/upload/{name}?offset={offset}"
-
-    def stop(self):
-        self.process.send_signal(signal.SIGINT)
-        self.process.communicate(timeout=10)
 
 
 @pytest.fixture

@@ -61,7 +61,8 @@ TEST(ClientRetry, ServerErrorsAreRetriedWithTheServersWaitWithoutBeingHeldBack) 
 TEST(ClientRetry, DroppedConnectionsBackOffOneTwoFourSecondsAndChecksumMismatchesDoNotWait) {
     Transfer t(2 * kPart, 2, 3);
     t.receiver->setFaultScript([](const RequestInfo& info) -> std::optional<Fault> {
-        if (info.partNumber == 1u && info.attempt < 3)
+        // By the client's attempt: a request the transport sends again is dropped again.
+        if (info.partNumber == 1u && info.retryCount.value_or(0) < 3)
             return Fault{.closeAfterBodyBytes = 1000};
         if (info.partNumber == 2u && info.attempt == 0)
             return Fault{.wrongChecksum = true};

@@ -31,8 +31,9 @@ TEST(MessagesJson, EveryRecordWritesExactlyItsFieldsInOrder) {
          R"({"path":"/a","partNumber":3,"eTag":"\"abc\""})"},
         {PartFailureMessage("/a", 3, url, {}).jsonString(),
          R"({"path":"/a","partNumber":3,"url":"http://127.0.0.1:8080/up?part=1","errors":[]})"},
-        {PartFailureMessage("/a", 3, *Url::parse("http://h"), {bare, bare}).jsonString(),
-         R"({"path":"/a","partNumber":3,"url":"http://h/","errors":[)"
+        // The URL as the host gave it: no slash added, no case changed.
+        {PartFailureMessage("/a", 3, *Url::parse("HTTP://H"), {bare, bare}).jsonString(),
+         R"({"path":"/a","partNumber":3,"url":"HTTP://H","errors":[)"
          R"({"domain":"D","code":-7,"message":"m","userInfo":null},)"
          R"({"domain":"D","code":-7,"message":"m","userInfo":null}]})"},
         // otherInfo stays out of the JSON.

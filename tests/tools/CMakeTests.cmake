@@ -19,6 +19,11 @@ if(Python3_FOUND AND TARGET pellorin_cli)
            COMMAND Python3::Interpreter ${CMAKE_CURRENT_LIST_DIR}/test_cli.py
                    --binary $<TARGET_FILE:pellorin_cli>)
   set_tests_properties(cli.end_to_end PROPERTIES TIMEOUT 120)
+  # Out of threads: the binary run as an unprivileged user under a process limit.
+  add_test(NAME cli.out_of_threads
+           COMMAND Python3::Interpreter ${CMAKE_CURRENT_LIST_DIR}/test_limits.py
+                   --binary $<TARGET_FILE:pellorin_cli>)
+  set_tests_properties(cli.out_of_threads PROPERTIES TIMEOUT 60)
   # A sanitized shared library loads into the uninstrumented interpreter only with its runtime
   # preloaded; ThreadSanitizer's cannot be preloaded that way, so that build skips the test.
   set(c_interface_environment "")

@@ -62,7 +62,7 @@ Url endpoint(const ReserveOptions& options) {
     }
     // A bare server address means the service's path on that server.
     if (url->pathAndQuery() == "/") {
-        url = Url::parse(url->absoluteString().substr(0, url->absoluteString().size() - 1) +
+        url = Url::parse(url->normalizedString().substr(0, url->normalizedString().size() - 1) +
                          std::string(kReservationServicePath));
     }
     return *url;

@@ -5,6 +5,7 @@
 #include <poll.h>
 #include <sys/socket.h>
 
+#include <algorithm>
 #include <array>
 #include <cerrno>
 #include <chrono>
@@ -44,12 +45,24 @@ void Connection::sendCloseNotify() {
 bool Connection::waitFor(short events) {
     std::array<pollfd, 2> entries{{{socket_.get(), events, 0}, {stop_.fd(), POLLIN, 0}}};
     for (;;) {
-        const int ready = ::poll(entries.data(), entries.size(), -1);
+        int timeoutMs = -1;
+        if (idleCloseAt_) {
+            const auto left = std::chrono::duration_cast<std::chrono::milliseconds>(
+                *idleCloseAt_ - std::chrono::steady_clock::now());
+            if (left.count() <= 0) {
+                return false;
+            }
+            timeoutMs = static_cast<int>(std::min<int64_t>(left.count() + 1, 60000));
+        }
+        const int ready = ::poll(entries.data(), entries.size(), timeoutMs);
         if (ready < 0 && errno == EINTR) {
             continue;
         }
         if (ready < 0 || entries[1].revents != 0) {
             return false;
+        }
+        if (ready == 0) {
+            continue;  // the idle deadline is checked above
         }
         // POLLHUP/POLLERR: let the following read or write report the end of the stream.
         return true;

@@ -3,9 +3,11 @@
 // Owned and used by one connection thread; the TLS context and stop signal must outlive it.
 #pragma once
 
+#include <chrono>
 #include <cstddef>
 #include <cstdint>
 #include <memory>
+#include <optional>
 #include <string_view>
 
 #include "receiver/StopSignal.h"
@@ -36,6 +38,11 @@ class Connection {
     // discards what the peer still sends for a short while, so that closing does not reset the
     // connection before the peer has read the answer.
     void drainAndClose();
+    // From `when` on, any wait for the peer ends the stream as if it had closed (a server closing
+    // an idle kept-alive connection). Replaces the previous time; none means never.
+    void closeWhenIdleAt(std::optional<std::chrono::steady_clock::time_point> when) {
+        idleCloseAt_ = when;
+    }
 
   private:
     // Waits until the socket is ready for `events` (POLLIN / POLLOUT); false on stop or error.
@@ -45,6 +52,7 @@ class Connection {
     UniqueFd socket_;
     std::unique_ptr<ssl_st, void (*)(ssl_st*)> ssl_;
     const StopSignal& stop_;
+    std::optional<std::chrono::steady_clock::time_point> idleCloseAt_;
 };
 
 }  // namespace pellorin::receiver

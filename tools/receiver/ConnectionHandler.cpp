@@ -271,7 +271,8 @@ ConnectionHandler::Next ConnectionHandler::serve(const RequestHead& head) {
 
     Fault fault;
     if (const auto script = log_.faultScript()) {
-        fault = script(RequestInfo{head.method, head.target, record.partNumber, visit.attempt()})
+        fault = script(RequestInfo{head.method, head.target, record.partNumber, visit.attempt(),
+                                   record.retryCount})
                     .value_or(Fault{});
     }
     Route route = this->route(head);
@@ -292,8 +293,12 @@ ConnectionHandler::Next ConnectionHandler::serve(const RequestHead& head) {
     }
 
     const uint64_t toRead = route.framed ? route.bodyLength : 0;
-    const uint64_t limit =
+    uint64_t limit =
         fault.closeAfterBodyBytes ? std::min(toRead, *fault.closeAfterBodyBytes) : toRead;
+    if (fault.answerAfterBodyBytes) {
+        limit = std::min(limit, *fault.answerAfterBodyBytes);
+    }
+    const bool early = limit < toRead && !fault.closeAfterBodyBytes;
     sink_.begin(std::move(route.file), route.offset, route.reservation && route.status == 200);
     const bool complete = readBody(limit);
     const BodySink::Digest digest = sink_.finish();
@@ -305,9 +310,9 @@ ConnectionHandler::Next ConnectionHandler::serve(const RequestHead& head) {
     if (fault.delayBeforeAnswerSecs && stop_.waitFor(*fault.delayBeforeAnswerSecs)) {
         return unanswered();
     }
-    if (fault.garbageResponse) {
+    if (fault.garbageResponse || fault.rawAnswer) {
         unanswered();  // what goes out next is not an answer: the record keeps status 0
-        connection_.writeAll(kGarbage);
+        connection_.writeAll(fault.rawAnswer ? std::string_view(*fault.rawAnswer) : kGarbage);
         return Next::close;
     }
 
@@ -333,20 +338,35 @@ ConnectionHandler::Next ConnectionHandler::serve(const RequestHead& head) {
     if (fault.retryAfter) {
         headers.emplace_back("Retry-After", *fault.retryAfter);
     }
-    const bool closing = !route.framed || head.hasToken("Connection", "close") ||
-                         (head.version == "HTTP/1.0" && !head.hasToken("Connection", "keep-alive"));
+    const bool closing =
+        !route.framed || head.hasToken("Connection", "close") ||
+        (head.version == "HTTP/1.0" && !head.hasToken("Connection", "keep-alive")) ||
+        (early && !fault.readRestAfterAnswer);
 
     record.status = status;
     record.accepted = status == 200 && !route.reservation && !fault.noChecksum &&
-                      !fault.wrongChecksum && !fault.quotedETag;
+                      !fault.wrongChecksum && !fault.quotedETag && !early;
     record.finished = std::chrono::steady_clock::now();
     visit.complete(record);
 
     if (!answer(status, std::move(headers), status == 200 && !route.reservation ? "" : body,
-                closing, contentType)) {
+                closing, contentType, fault.trickleAnswerSecs)) {
         return Next::drop;
     }
+    if (early && fault.readRestAfterAnswer && !skipBody(toRead - limit)) {
+        return Next::drop;
+    }
+    if (early && !fault.readRestAfterAnswer) {
+        return Next::drainAndClose;
+    }
     if (!closing) {
+        std::optional<std::chrono::steady_clock::time_point> closeAt;
+        if (fault.closeAfterAnswerSecs) {
+            closeAt = std::chrono::steady_clock::now() +
+                      std::chrono::duration_cast<std::chrono::steady_clock::duration>(
+                          std::chrono::duration<double>(*fault.closeAfterAnswerSecs));
+        }
+        connection_.closeWhenIdleAt(closeAt);
         return Next::keepAlive;
     }
     return route.framed ? Next::close : Next::drainAndClose;
@@ -371,8 +391,26 @@ bool ConnectionHandler::readBody(uint64_t length) {
     return true;
 }
 
+bool ConnectionHandler::skipBody(uint64_t length) {
+    uint64_t remaining = length;
+    while (remaining > 0) {
+        if (begin_ == end_) {
+            begin_ = end_ = 0;
+            const size_t want = static_cast<size_t>(std::min<uint64_t>(kBufferSize, remaining));
+            end_ = connection_.readSome(buffer_.get(), want);
+            if (end_ == 0) {
+                return false;
+            }
+        }
+        const size_t take = static_cast<size_t>(std::min<uint64_t>(end_ - begin_, remaining));
+        begin_ += take;
+        remaining -= take;
+    }
+    return true;
+}
+
 bool ConnectionHandler::answer(int status, Headers headers, const std::string& body, bool closing,
-                               std::string_view contentType) {
+                               std::string_view contentType, std::optional<double> trickleSecs) {
     headers.emplace_back("Content-Length", std::to_string(body.size()));
     if (!body.empty()) {
         headers.emplace_back("Content-Type", contentType);
@@ -380,7 +418,18 @@ bool ConnectionHandler::answer(int status, Headers headers, const std::string& b
     if (closing) {
         headers.emplace_back("Connection", "close");
     }
-    return connection_.writeAll(responseHead(status, headers) + body);
+    const std::string bytes = responseHead(status, headers) + body;
+    if (!trickleSecs) {
+        return connection_.writeAll(bytes);
+    }
+    constexpr size_t kTrickle = 16;
+    for (size_t at = 0; at < bytes.size(); at += kTrickle) {
+        if ((at > 0 && stop_.waitFor(*trickleSecs)) ||
+            !connection_.writeAll(std::string_view(bytes).substr(at, kTrickle))) {
+            return false;
+        }
+    }
+    return true;
 }
 
 }  // namespace pellorin::receiver

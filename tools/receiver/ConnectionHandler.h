@@ -59,10 +59,13 @@ class ConnectionHandler {
     // Feeds up to `length` body bytes (buffered ones first) to the sink; false when the stream
     // ended first.
     bool readBody(uint64_t length);
+    // Reads and discards up to `length` body bytes; false when the stream ended first.
+    bool skipBody(uint64_t length);
     // Writes a complete answer; false when the stream failed.
     bool answer(int status, std::vector<std::pair<std::string, std::string>> headers,
                 const std::string& body, bool closing,
-                std::string_view contentType = "text/plain; charset=utf-8");
+                std::string_view contentType = "text/plain; charset=utf-8",
+                std::optional<double> trickleSecs = std::nullopt);
 
     Connection& connection_;
     const uint64_t number_;

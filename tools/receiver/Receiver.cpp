@@ -148,14 +148,25 @@ class Receiver::Impl {
             const int on = 1;
             ::setsockopt(socket.get(), IPPROTO_TCP, TCP_NODELAY, &on, sizeof on);
             reapFinishedWorkers();
-            auto finished = std::make_shared<std::atomic<bool>>(false);
-            const uint64_t number = ++connectionsAccepted_;
-            workers_.push_back(
-                Worker{std::thread([this, finished, number, socket = std::move(socket)]() mutable {
-                           serveConnection(std::move(socket), number);
-                           finished->store(true);
-                       }),
-                       finished});
+            // Out of threads or memory: the connection is refused (closed unserved; the socket
+            // moved into a thread's function is closed with it) and the receiver carries on.
+            try {
+                Worker& worker =
+                    workers_.emplace_back(Worker{{}, std::make_shared<std::atomic<bool>>(false)});
+                const uint64_t number = connectionsAccepted_ + 1;
+                try {
+                    worker.thread = std::thread([this, finished = worker.finished, number,
+                                                 socket = std::move(socket)]() mutable {
+                        serveConnection(std::move(socket), number);
+                        finished->store(true);
+                    });
+                    connectionsAccepted_ = number;
+                } catch (const std::exception&) {
+                    workers_.pop_back();
+                }
+            } catch (const std::exception&) {
+                socket.reset();
+            }
         }
     }
 

@@ -45,6 +45,18 @@ struct Fault {
     std::optional<double> stallSecs;              // read nothing of the body for T seconds first
     bool garbageResponse = false;                 // read the body, answer non-HTTP bytes, close
     std::optional<double> delayBeforeAnswerSecs;  // read the body, wait T seconds, then answer
+    // Answer (status, checksum) after reading only N body bytes, with the MD5 of those bytes;
+    // then read and discard the rest and keep the connection when readRestAfterAnswer, else
+    // close it. Never recorded as accepted.
+    std::optional<uint64_t> answerAfterBodyBytes;
+    bool readRestAfterAnswer = false;
+    // Close the kept-alive connection this long after answering unless the peer is sending
+    // meanwhile (no "Connection: close" is announced).
+    std::optional<double> closeAfterAnswerSecs;
+    // Send the answer 16 bytes at a time, this many seconds apart.
+    std::optional<double> trickleAnswerSecs;
+    // Read the body, then send these bytes verbatim instead of an answer and close.
+    std::optional<std::string> rawAnswer;
 };
 
 // What the fault script is told about a request, before its body is read.
@@ -53,6 +65,9 @@ struct RequestInfo {
     std::string path;  // includes the query
     std::optional<uint64_t> partNumber;
     uint32_t attempt = 0;  // 0-based count of earlier requests with the same (path, partNumber)
+    // From "X-PLNX-Retry-Count": the client's attempt, which a request sent again by the
+    // transport on a new connection shares with the one that failed.
+    std::optional<uint64_t> retryCount;
 };
 
 // One request as the receiver saw it. Completed before the answer goes out, so a client that has
