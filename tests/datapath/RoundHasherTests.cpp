@@ -50,7 +50,7 @@ class RoundHasherTest : public ::testing::Test {
     }
     void TearDown() override {
         RoundHasher::setEnabled(false);
-        RoundHasher::setBufferWait(std::chrono::milliseconds(10));
+        RoundHasher::setBufferWait(std::chrono::milliseconds(50));
     }
 
     // Reads `stream` per `plan` with random read sizes up to a little more than a buffer.

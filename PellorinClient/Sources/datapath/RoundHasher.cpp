@@ -25,7 +25,7 @@ std::atomic<bool>& enabledFlag() {
     return flag;
 }
 
-std::atomic<int64_t> bufferWaitMillis{10};
+std::atomic<int64_t> bufferWaitMillis{50};
 
 }  // namespace
 

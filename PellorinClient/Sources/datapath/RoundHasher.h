@@ -93,7 +93,7 @@ class RoundHasher {
     static void setEnabled(bool enabled);
     // How long a body stream waits at most for its next buffer before it reads by itself: a
     // late round (a slow disk, a loaded machine) costs the part its lanes, never its progress,
-    // and a cancelled transfer is never held longer than this by a body read. 10 ms unless set
+    // and a cancelled transfer is never held longer than this by a body read. 50 ms unless set
     // (tests under sanitizers, where rounds are slow, set more).
     static std::chrono::milliseconds bufferWait();
     static void setBufferWait(std::chrono::milliseconds wait);
