@@ -91,6 +91,8 @@ class ChangingSource : public ::testing::Test, public StreamDelegate {
         stream->open();
         ASSERT_EQ(stream->read(buffer, 50), 50);
     }
+    // Events still queued would reach this fixture while it is being destroyed.
+    void TearDown() override { queue->sync([] {}); }
     void streamHandleEvent(InputStream&, StreamEvent event) override { events.push_back(event); }
     std::vector<StreamEvent> deliveredEvents() {
         queue->sync([] {});

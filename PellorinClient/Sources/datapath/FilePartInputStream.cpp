@@ -4,6 +4,7 @@
 #include <atomic>
 #include <cctype>
 #include <cstdint>
+#include <cstring>
 #include <random>
 #include <string>
 
@@ -18,6 +19,13 @@ namespace {
 // sharing one limiter do not all wake at the same instant.
 constexpr int64_t kMaxExhaustedPauseMicros = 4499;
 constexpr auto kRetryPause = std::chrono::milliseconds(1);
+// After a late buffer a part reads this many bytes by itself before it tries the lanes again,
+// so that a slow round thread does not cost it that wait on every read.
+constexpr uint64_t kLateRoundBackoff = 4 * PartReadAhead::kBufferSize;
+
+bool usesLanes(const MessageDigest& hasher) {
+    return hasher.algorithm() == DigestAlgorithm::md5 && RoundHasher::enabled();
+}
 
 // A seed for each stream's pause generator. Opening the system's random device for every stream
 // cost about 3% of the client's CPU with small parts, so the device is read once per process
@@ -45,9 +53,12 @@ FilePartInputStream::FilePartInputStream(std::shared_ptr<SharedFile> file, uint6
       currentOffset_(offset),
       hasher_(std::move(hasher)),
       rateLimiter_(std::move(rateLimiter)),
-      random_(streamSeed()) {}
+      random_(streamSeed()),
+      roundHasher_(usesLanes(*hasher_) ? RoundHasher::shared() : nullptr),
+      readAhead_(roundHasher_ ? std::make_shared<PartReadAhead>(rcFile_, maxOffset_) : nullptr) {}
 
 FilePartInputStream::~FilePartInputStream() {
+    leaveRounds();
     if (holdsFileReference_) {
         rcFile_->close();
     }
@@ -117,7 +128,31 @@ void FilePartInputStream::open() {
         fail(error);
         return;
     }
+    joinRounds();
     setStatus(StreamStatus::open);
+}
+
+void FilePartInputStream::joinRounds() {
+    if (roundHasher_ && !joinedRounds_) {
+        joinedRounds_ = roundHasher_->join(readAhead_);
+    }
+}
+
+void FilePartInputStream::leaveRounds() {
+    if (!joinedRounds_) {
+        return;
+    }
+    roundHasher_->leave(readAhead_.get());
+    joinedRounds_ = false;
+    std::lock_guard lock(readAhead_->mutex);
+    if (inLanes_) {
+        // Keeps the digest of what was served, drops what was read ahead.
+        directMd5_ = readAhead_->servedDigestLocked();
+        readAhead_->laneMode = false;
+        inLanes_ = false;
+    }
+    readAhead_->restartLocked();
+    readAhead_->spare.reset();
 }
 
 bool FilePartInputStream::rewind() {
@@ -132,12 +167,21 @@ bool FilePartInputStream::rewind() {
     }
     hasher_ = newDigest(hasher_->algorithm());
     digest_.reset();
+    directMd5_.reset();
+    if (readAhead_) {
+        std::lock_guard lock(readAhead_->mutex);
+        readAhead_->restartLocked();
+        readAhead_->md5.reset();
+        readAhead_->nextOffset = offset_;
+    }
     currentOffset_.store(offset_, std::memory_order_relaxed);
+    lanesFrom_ = 0;
     status_.store(StreamStatus::open);
     return true;
 }
 
 void FilePartInputStream::close() {
+    leaveRounds();
     if (holdsFileReference_) {
         rcFile_->close();
         holdsFileReference_ = false;
@@ -200,9 +244,25 @@ int64_t FilePartInputStream::read(uint8_t* buffer, int64_t maxLength) {
     const int64_t count = countToRead(takePermits(maxLength));
     int64_t bytesRead;
     try {
-        const uint64_t at = currentOffset_.load(std::memory_order_relaxed);
-        bytesRead = rcFile_->read(buffer, at, count);
-        if (bytesRead == 0 && count > 0) {
+        bytesRead = serve(buffer, count);
+    } catch (const SharedFileError& error) {
+        fail(error);
+        return -1;
+    }
+    if (currentOffset_.load(std::memory_order_relaxed) >= maxOffset_) {
+        setStatus(StreamStatus::atEnd);
+    }
+    return bytesRead;
+}
+
+int64_t FilePartInputStream::serve(uint8_t* buffer, int64_t count) {
+    const uint64_t at = currentOffset_.load(std::memory_order_relaxed);
+    int64_t served;
+    if (readAhead_ && count > 0) {
+        served = serveMd5(buffer, count, at);
+    } else {
+        served = rcFile_->read(buffer, at, count);
+        if (served == 0 && count > 0) {
             // The file ends before the range does: it was cut short since it was opened.
             rcFile_->checkUnchanged();
             throw SharedFileError{.kind = SharedFileError::Kind::ReadPastEnd,
@@ -210,21 +270,103 @@ int64_t FilePartInputStream::read(uint8_t* buffer, int64_t maxLength) {
                                   .length = count,
                                   .fileSize = rcFile_->fileSize()};
         }
-        if (bytesRead > 0) {
-            hasher_->update({buffer, static_cast<size_t>(bytesRead)});
-            advance(bytesRead);
-            if (currentOffset_.load(std::memory_order_relaxed) >= maxOffset_) {
-                // Every byte served came from the file first opened only if it is still that
-                // file now that the last one has been read.
-                rcFile_->checkUnchanged();
-                setStatus(StreamStatus::atEnd);
-            }
-        }
-    } catch (const SharedFileError& error) {
-        fail(error);
-        return -1;
+        hasher_->update({buffer, static_cast<size_t>(served)});
     }
-    return bytesRead;
+    if (served > 0) {
+        advance(served);
+        if (currentOffset_.load(std::memory_order_relaxed) >= maxOffset_) {
+            // Every byte served came from the file first opened only if it is still that file
+            // now that the last one has been read.
+            rcFile_->checkUnchanged();
+        }
+    }
+    return served;
+}
+
+int64_t FilePartInputStream::serveMd5(uint8_t* buffer, int64_t count, uint64_t at) {
+    if (!inLanes_ && joinedRounds_ && at >= lanesFrom_ && roundHasher_->parts() >= 2) {
+        enterLanes(at);
+    }
+    if (inLanes_) {
+        if (const std::optional<int64_t> served = serveFromLanes(buffer, count)) {
+            return *served;
+        }
+    }
+    const int64_t got = rcFile_->read(buffer, at, count);
+    if (got == 0) {
+        rcFile_->checkUnchanged();
+        throw SharedFileError{.kind = SharedFileError::Kind::ReadPastEnd,
+                              .offset = at,
+                              .length = count,
+                              .fileSize = rcFile_->fileSize()};
+    }
+    directMd5_.update({buffer, static_cast<size_t>(got)});
+    return got;
+}
+
+void FilePartInputStream::enterLanes(uint64_t at) {
+    {
+        std::lock_guard lock(readAhead_->mutex);
+        readAhead_->restartLocked();
+        readAhead_->laneMode = true;
+        readAhead_->nextOffset = at;
+        readAhead_->md5 = directMd5_;
+    }
+    inLanes_ = true;
+    roundHasher_->poke();
+}
+
+std::optional<int64_t> FilePartInputStream::serveFromLanes(uint8_t* buffer, int64_t count) {
+    PartReadAhead& part = *readAhead_;
+    const auto deadline = std::chrono::steady_clock::now() + RoundHasher::bufferWait();
+    std::unique_lock lock(part.mutex);
+    for (;;) {
+        if (!part.ready.empty()) {
+            ReadAheadBuffer& front = part.ready.front();
+            const size_t take = std::min(static_cast<size_t>(count), front.size - front.served);
+            std::memcpy(buffer, front.data.get() + front.served, take);
+            front.served += take;
+            const bool drained = front.served == front.size;
+            if (drained) {
+                if (!part.spare) {
+                    part.spare = std::move(front.data);
+                }
+                part.ready.pop_front();
+            }
+            lock.unlock();
+            if (drained) {
+                roundHasher_->poke();  // a buffer is free: the part can join the next round
+            }
+            return static_cast<int64_t>(take);
+        }
+        if (part.error) {
+            // Nothing is buffered, so the failed read-ahead is this very read.
+            const SharedFileError error = *part.error;
+            lock.unlock();
+            throw error;
+        }
+        const bool late = std::chrono::steady_clock::now() >= deadline;
+        if (late || roundHasher_->parts() < 2) {
+            // Alone now, or the round is late: read by itself from here on. Every published
+            // byte was served, so the lanes' digest is exactly that of the bytes served; a round
+            // still filling for this part is dropped (generation bumped).
+            directMd5_ = part.md5;
+            part.restartLocked();
+            part.laneMode = false;
+            inLanes_ = false;
+            if (late) {
+                lanesFrom_ = currentOffset_.load(std::memory_order_relaxed) + kLateRoundBackoff;
+            }
+            return std::nullopt;
+        }
+        part.waiting = true;
+        lock.unlock();
+        roundHasher_->poke();
+        lock.lock();
+        part.published.wait_until(lock, deadline,
+                                  [&] { return !part.ready.empty() || part.error.has_value(); });
+        part.waiting = false;
+    }
 }
 
 std::optional<std::vector<uint8_t>> FilePartInputStream::read(int64_t length) {
@@ -236,6 +378,15 @@ std::optional<std::vector<uint8_t>> FilePartInputStream::read(int64_t length) {
     }
     const int64_t count = countToRead(takePermits(length));
     try {
+        if (readAhead_) {
+            std::vector<uint8_t> bytes(static_cast<size_t>(count));
+            const int64_t served = serve(bytes.data(), count);
+            if (served == 0) {
+                return std::nullopt;
+            }
+            bytes.resize(static_cast<size_t>(served));
+            return bytes;
+        }
         std::optional<std::vector<uint8_t>> bytes =
             rcFile_->read(currentOffset_.load(std::memory_order_relaxed), count);
         if (bytes) {
@@ -275,6 +426,15 @@ void FilePartInputStream::remove(const std::shared_ptr<SerialQueue>& /*queue*/,
 }
 
 const std::vector<uint8_t>& FilePartInputStream::digestData() {
+    if (!digest_ && readAhead_) {
+        Md5Stream served = directMd5_;
+        if (inLanes_) {
+            std::lock_guard lock(readAhead_->mutex);
+            served = readAhead_->servedDigestLocked();
+        }
+        const std::array<uint8_t, 16> digest = served.digest();
+        digest_.emplace(digest.begin(), digest.end());
+    }
     if (!digest_) {
         digest_ = hasher_->finalize();
     }
