@@ -174,7 +174,7 @@ target_link_libraries(app_static PRIVATE PellorinClient::pellorin_static)
             self.assertNotRegex(targets, r"tests_|pellorin_cli|pellorin_receiver|header_check")
             run([ARGS.cmake, "--build", build, "--target", "consumer"])
             run(["make", "-C", os.path.join(build, "pellorin"),
-                 "PellorinClient/Sources/client/PellorinClient.cpp.o"])
+                 "PellorinClient/Sources/client/ClientCore.cpp.o"])
 
 
 if __name__ == "__main__":
