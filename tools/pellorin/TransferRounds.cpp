@@ -4,6 +4,7 @@
 #include <cmath>
 #include <cstdio>
 #include <map>
+#include <regex>
 #include <set>
 
 #include <pellorin/LoggingProgressReporter.h>
@@ -161,7 +162,11 @@ std::vector<std::string> changedSources(const std::vector<PlannedPart>& parts) {
 void printFailures(const std::vector<TransferObserver::Failure>& failures, StatusLine& line) {
     std::map<std::pair<std::string, std::string>, std::set<uint64_t>> grouped;
     for (const auto& failure : failures) {
-        grouped[{failure.part.key.path, failure.description}].insert(failure.part.key.partNumber);
+        // libcurl's texts carry timings ("... after 2 ms: ..."): parts that failed alike are
+        // grouped without them.
+        static const std::regex timing(" after [0-9]+ ms");
+        grouped[{failure.part.key.path, std::regex_replace(failure.description, timing, "")}]
+            .insert(failure.part.key.partNumber);
     }
     for (const auto& [where, numbers] : grouped) {
         std::string list;
