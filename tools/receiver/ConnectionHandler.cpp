@@ -372,26 +372,11 @@ ConnectionHandler::Next ConnectionHandler::serve(const RequestHead& head) {
     return route.framed ? Next::close : Next::drainAndClose;
 }
 
-bool ConnectionHandler::readBody(uint64_t length) {
-    uint64_t remaining = length;
-    while (remaining > 0) {
-        if (begin_ == end_) {
-            begin_ = end_ = 0;
-            const size_t want = static_cast<size_t>(std::min<uint64_t>(kBufferSize, remaining));
-            end_ = connection_.readSome(buffer_.get(), want);
-            if (end_ == 0) {
-                return false;
-            }
-        }
-        const size_t take = static_cast<size_t>(std::min<uint64_t>(end_ - begin_, remaining));
-        sink_.consume(buffer_.get() + begin_, take);
-        begin_ += take;
-        remaining -= take;
-    }
-    return true;
-}
+bool ConnectionHandler::readBody(uint64_t length) { return takeBody(length, true); }
 
-bool ConnectionHandler::skipBody(uint64_t length) {
+bool ConnectionHandler::skipBody(uint64_t length) { return takeBody(length, false); }
+
+bool ConnectionHandler::takeBody(uint64_t length, bool consume) {
     uint64_t remaining = length;
     while (remaining > 0) {
         if (begin_ == end_) {
@@ -403,6 +388,9 @@ bool ConnectionHandler::skipBody(uint64_t length) {
             }
         }
         const size_t take = static_cast<size_t>(std::min<uint64_t>(end_ - begin_, remaining));
+        if (consume) {
+            sink_.consume(buffer_.get() + begin_, take);
+        }
         begin_ += take;
         remaining -= take;
     }

@@ -61,6 +61,8 @@ class ConnectionHandler {
     bool readBody(uint64_t length);
     // Reads and discards up to `length` body bytes; false when the stream ended first.
     bool skipBody(uint64_t length);
+    // Both: reads `length` body bytes, handing them to the sink when `consume`.
+    bool takeBody(uint64_t length, bool consume);
     // Writes a complete answer; false when the stream failed.
     bool answer(int status, std::vector<std::pair<std::string, std::string>> headers,
                 const std::string& body, bool closing,
