@@ -24,7 +24,7 @@ import threading
 import time
 import unittest
 
-from served import Server, make_file, sha256
+from served import Server, make_file, reservation, sha256
 
 sys.path.insert(0, os.path.join(os.path.dirname(os.path.abspath(__file__)), "..", "support"))
 import thirdparty  # noqa: E402
@@ -76,33 +76,13 @@ def lines_in(path):
         return f.read().count("\n")
 
 
-def reservation(path, file_path, size, part_size, url_for):
-    pairs = []
-    for number, offset in enumerate(range(0, size, part_size), start=1):
-        pairs.append({"filePath": file_path, "operation": {
-            "method": "PUT", "uri": url_for(offset), "partNumber": number, "offset": offset,
-            "length": min(part_size, size - offset), "expires": "2099-01-01T00:00:00Z"}})
-    with open(path, "w") as f:
-        json.dump(pairs, f, indent=2)
-    return pairs
-
-
 class HelpAndBadInput(unittest.TestCase):
     def test_help_says_what_to_do(self):
-        expected = {(): ["upload", "serve", "reserve", "--log-level"],
-                    ("upload",): ["--reservation", "--journal", "--max-connections", "--rate-limit",
-                                  "--events", "--part-size", "--demo-size", "--to", "--method",
-                                  "--header", "--retry-rounds", "--ca-file", "--ca-dir",
-                                  "--proxy", "--http2", "--connect-timeout", "--quiet",
-                                  "--show-secrets", "k = 1000", "Ki = 1024", "divided by 8",
-                                  "130"],
-                    ("serve",): ["--port", "--dir", "--checksum"],
-                    ("reserve",): ["--endpoint", "--password-file", "--qeld"]}
-        for command, words in expected.items():
+        for command, word in [((), "upload"), (("upload",), "--reservation"),
+                               (("serve",), "--dir"), (("reserve",), "--endpoint")]:
             result = run(*command, "--help")
             self.assertEqual(result.returncode, 0, command)
-            for word in words:
-                self.assertIn(word, result.stdout, command)
+            self.assertIn(word, result.stdout, command)
 
     def test_each_bad_input_gets_one_line_and_status_2(self):
         with tempfile.TemporaryDirectory() as d:
@@ -128,23 +108,15 @@ class HelpAndBadInput(unittest.TestCase):
                 (["upload", os.path.join(d, "missing.bin")], "cannot read"),
                 (["upload", "-r", os.path.join(d, "missing.json")],
                  "cannot read reservation file"),
-                # One of each kind of reservation fault; the reader's own test has them all.
+                # One reservation fault and one template fault; the reader's and the template's
+                # own tests have them all.
                 (["upload", "-r", write("trunc.json", "[{\"filePath\"")], "invalid JSON at byte"),
-                (["upload", "-r", pairs("past.json", offset=995)],
-                 "[1].operation: bytes 995 to 1005 lie past the end"),
                 (["upload", "--max-connections", "0", data], "--max-connections"),
                 (["upload", "--part-size", "lots", data], "not a size"),
                 (["upload", "--rate-limit", "0", data], "--rate-limit"),
-                (["upload", "--rate-limit", "10 furlongs", data], "not a rate"),
-                (["upload", "-r", pairs("patch.json", method="PATCH")],
-                 "[1].operation.method: not an HTTP method pellorin sends"),
-                (["upload", "-r", pairs("length.json", headers={"Content-Length": "1"})],
-                 "Content-Length is set by pellorin itself"),
-                (["upload", data, "--to", "http://127.0.0.1:9/x/{part}", "-H", "Host: h"],
-                 "-H Host: Host is set by pellorin itself"),
+                (["upload", "--to", "http://127.0.0.1:9/{part}"], "--to needs the FILE"),
                 (["upload", data, "--to", "http://127.0.0.1:9/same", "--part-size", "100"],
                  "every part would go to"),
-                (["upload", "--to", "http://127.0.0.1:9/{part}"], "--to needs the FILE"),
                 (["upload", data, "--ca-file", os.path.join(d, "none.pem")], "CA file"),
                 (["upload", data, "-r", pairs("both.json")], "excludes"),
                 (["upload", "--journal", write("journal", "garbage\n"), data],
@@ -194,32 +166,6 @@ class OutputAndJournal(unittest.TestCase):
             self.assertEqual(sha256(os.path.join(received, "my file.bin")), sha256(source))
             quiet = run("upload", source, "--part-size", "256KiB", "-q")
             self.assertEqual((quiet.returncode, quiet.stdout, quiet.stderr), (0, "", ""))
-
-    def test_readme_resume_example_survives_sigint_and_sends_no_done_part_twice(self):
-        # `pellorin upload big.bin --journal big.jnl`, Ctrl-C half way, the same command again.
-        with tempfile.TemporaryDirectory() as d:
-            source = make_file(os.path.join(d, "big.bin"), 3 * 1024 * 1024)
-            command = ["upload", "big.bin", "--journal", "big.jnl", "--part-size", "256KiB",
-                       "--rate-limit", "2MB/s", "-c", "1", "--events", "-"]
-            first = start(*command, cwd=d)
-            wait_for_lines(os.path.join(d, "big.jnl"), 4)
-            first.send_signal(signal.SIGINT)
-            out, err = first.communicate(timeout=10)
-            self.assertEqual(first.returncode, 130, err)
-            self.assertIn("cancelled with", err)
-            done_before = {e["partNumber"] for e in events_of(out).get("part-complete", [])}
-            self.assertGreaterEqual(len(done_before), 4)
-            self.assertLess(len(done_before), 12)
-
-            second = run(*command, cwd=d)
-            self.assertEqual(second.returncode, 0, second.stderr)
-            self.assertIn("Checksums agree", second.stderr)
-            self.assertIn(f"{len(done_before)} of 12 parts already done", second.stderr)
-            started = {e["partNumber"] for e in events_of(second.stdout)["part-started"]}
-            self.assertEqual(started & done_before, set())
-            self.assertEqual(started | done_before, set(range(1, 13)))
-            self.assertEqual(sha256(os.path.join(d, "big.jnl.received", "big.bin")),
-                             sha256(source))
 
     def test_interrupted_reservation_upload_resumes_from_its_journal(self):
         with tempfile.TemporaryDirectory() as d:
