@@ -48,6 +48,9 @@ class Server:
         self.lines = []
 
     def stop(self):
+        """Stops the receiver (once; later calls return the same status)."""
+        if self.process.returncode is not None:
+            return self.process.returncode
         self.process.send_signal(signal.SIGINT)
         rest, _ = self.process.communicate(timeout=10)
         self.lines += rest.splitlines()
