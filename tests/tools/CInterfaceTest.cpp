@@ -84,7 +84,8 @@ TEST_F(CInterfaceTest, CallsDuringTheWaitAreRefusedOrSafeFromAnyThread) {
     ASSERT_EQ(PLNPellorinClient_addDelegate(client, &prober), PLN_OK);
     submit(client, 3);
 
-    // Another thread hands in a part, changes a setting and churns a delegate table while callbacks run.
+    // Another thread hands in a part, changes a setting and churns a delegate table while callbacks
+    // run.
     std::atomic<int> churned{0};
     std::vector<int32_t> fromThread;
     std::thread other([&] {
