@@ -94,6 +94,9 @@ TEST(EncodingTest, Utf8Check) {
         EXPECT_FALSE(isValidUtf8(bad)) << bad;
     }
     EXPECT_FALSE(isValidUtf8(std::string_view("\xe2\x82\xac", 2)));
+    // Each bad byte becomes one U+FFFD; good sequences around it stay.
+    EXPECT_EQ(withInvalidUtf8Replaced("caf\xc3\xa9\xc0\xaf\xe2\x82"),
+              "caf\xc3\xa9\xef\xbf\xbd\xef\xbf\xbd\xef\xbf\xbd\xef\xbf\xbd");
 }
 
 }  // namespace

@@ -181,14 +181,21 @@ TEST(ReservationAnswerTest, PairsFollowReservationThenOperationOrderWithTheLocal
                   answer + "\n");
 }
 
-TEST(ReservationDeathTest, MissingFilesAndNonUtf8AnswersStopTheProcess) {
+TEST(ReservationDeathTest, MissingFilesStopTheProcess) {
     GTEST_FLAG_SET(death_test_style, "threadsafe");
     TempDir dir;
     EXPECT_DEATH(describeFileForReservation((dir.path() / "gone").string()),
                  "Fatal error: cannot read the attributes of .*gone");
     EXPECT_DEATH(describeFileForReservation(dir.path().string()), "Fatal error: cannot open ");
-    EXPECT_DEATH(handleReservationAnswer(std::vector<uint8_t>{'c', 'a', 'f', 0xe9}, "x", "x"),
-                 "Fatal error: the reservation service's answer is not UTF-8 text");
+}
+
+// A server's answer that is not UTF-8 is printed with U+FFFD for the bad bytes; the process
+// goes on.
+TEST(ReservationAnswer, NonUtf8AnswerIsPrintedNotFatal) {
+    ::testing::internal::CaptureStdout();
+    EXPECT_TRUE(handleReservationAnswer(std::vector<uint8_t>{'c', 'a', 'f', 0xe9}, "x", "x"));
+    const std::string printed = ::testing::internal::GetCapturedStdout();
+    EXPECT_NE(printed.find("\ncaf\xEF\xBF\xBD\n"), std::string::npos) << printed;
 }
 
 }  // namespace
