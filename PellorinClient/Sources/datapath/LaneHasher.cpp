@@ -5,6 +5,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <new>
 
 namespace pellorin {
 
@@ -169,15 +170,25 @@ void LaneHasher::combineLocked(std::unique_lock<std::mutex>& lock, bool windowCl
         chunk->member->pending = false;
     }
     lock.unlock();
-    if (round.size() == 1) {
-        round.front()->stream->update(round.front()->bytes);
-    } else {
-        std::vector<Md5Lanes::Job> jobs;
-        jobs.reserve(round.size());
-        for (const Chunk* chunk : round) {
-            jobs.push_back({chunk->stream, chunk->bytes});
+    bool hashed = false;
+    if (round.size() > 1) {
+        try {
+            std::vector<Md5Lanes::Job> jobs;
+            jobs.reserve(round.size());
+            for (const Chunk* chunk : round) {
+                jobs.push_back({chunk->stream, chunk->bytes});
+            }
+            lanes_.hashRound(jobs);
+            hashed = true;
+        } catch (const std::bad_alloc&) {
+            // hashRound allocates before it touches a stream, so every stream is as it was:
+            // each is hashed alone below, and no waiting thread is left behind.
         }
-        lanes_.hashRound(jobs);
+    }
+    if (!hashed) {
+        for (const Chunk* chunk : round) {
+            chunk->stream->update(chunk->bytes);
+        }
     }
     lock.lock();
     for (Chunk* chunk : round) {

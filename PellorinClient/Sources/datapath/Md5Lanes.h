@@ -90,7 +90,8 @@ class Md5Lanes {
 
     // Advances every job's stream by its bytes: whole blocks go through the kernels with as
     // many streams side by side as have blocks left, partial blocks wait in their streams.
-    // Streams whose bytes run out early leave the lanes to the others.
+    // Streams whose bytes run out early leave the lanes to the others. Throws std::bad_alloc
+    // only before any stream has changed.
     void hashRound(std::span<const Job> jobs);
 
     Occupancy occupancy() const;
