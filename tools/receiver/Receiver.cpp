@@ -19,6 +19,7 @@
 
 #include "receiver/Connection.h"
 #include "receiver/ConnectionHandler.h"
+#include "receiver/LaneHasher.h"
 #include "receiver/RequestLog.h"
 #include "receiver/ReservationEndpoint.h"
 #include "receiver/StopSignal.h"
@@ -175,7 +176,7 @@ class Receiver::Impl {
         blockSigpipeOnThisThread();
         try {
             Connection connection(std::move(socket), tls_ ? tls_->context() : nullptr, stop_);
-            ConnectionHandler(connection, number, log_, stop_, options_, baseUrl()).run();
+            ConnectionHandler(connection, number, log_, stop_, options_, baseUrl(), hasher_).run();
         } catch (const std::exception&) {
             // Out of memory or resources for this connection: closing it is all that can be done.
         }
@@ -195,6 +196,7 @@ class Receiver::Impl {
 
     const ReceiverOptions options_;
     RequestLog log_;
+    LaneHasher hasher_;  // every connection's body digests
     StopSignal stop_;
     mutable std::mutex lifecycleMutex_;  // serialises start() and stop()
     bool started_ = false;               // guarded by lifecycleMutex_
