@@ -23,7 +23,8 @@ namespace pellorin::receiver {
 namespace {
 
 // One read buffer per connection: large enough that a fast sender fills it in one recv, so the
-// per-chunk costs (system call, digest call, pwrite) vanish next to hashing the bytes.
+// per-chunk costs (system call, a round of the shared hasher, pwrite) vanish next to hashing the
+// bytes.
 constexpr size_t kBufferSize = size_t{1} << 20;
 // The longest head accepted; longer ones are answered 431.
 constexpr size_t kMaxHeadSize = 64 * 1024;
