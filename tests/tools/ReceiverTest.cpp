@@ -1,7 +1,7 @@
 // The local receiver against a blocking loopback socket, for what a well-behaved client never
 // sends: bad heads, pipelined requests, bodies that never come, many bodies at once. Well-formed
-// uploads reach it through the HTTP session and client tests. How its shared hasher rounds up
-// chunks, and how its reservation endpoint cuts files.
+// uploads reach it through the HTTP session and client tests. And how its reservation endpoint
+// cuts files.
 #include "receiver/Receiver.h"
 
 #include <arpa/inet.h>
@@ -22,7 +22,6 @@
 #include <thread>
 
 #include "Platform/Encoding.h"
-#include "receiver/LaneHasher.h"
 #include "receiver/ReservationEndpoint.h"
 #include "support/TempDir.h"
 
@@ -203,47 +202,6 @@ std::string md5Hex(std::span<const uint8_t> bytes) {
     std::array<uint8_t, 16> digest{};
     EVP_Digest(bytes.data(), bytes.size(), digest.data(), nullptr, EVP_md5(), nullptr);
     return hexString(digest);
-}
-
-// Streams fed in chunks of every awkward size by threads at once, one member holding its place
-// without ever submitting (rounds then start when the oldest chunk has waited long enough) and
-// one leaving halfway: each stream's digest is the MD5 of exactly its own bytes.
-TEST(LaneHasher, EveryStreamGetsTheDigestOfItsOwnBytes) {
-    LaneHasher hasher;
-    LaneHasher::Member stuck(hasher);
-    stuck.join();
-    constexpr size_t kStreams = 9;
-    std::vector<std::vector<uint8_t>> bodies;
-    std::vector<Md5Stream> streams(kStreams);
-    std::vector<size_t> fed(kStreams, 0);
-    for (size_t i = 0; i < kStreams; ++i) {
-        bodies.push_back(randomBytes(150'000 + 9'973 * i, static_cast<uint32_t>(i)));
-    }
-    const size_t chunkSizes[] = {1, 63, 64, 65, 127, 4'096, 30'001, 65'536, 100'000};
-    std::vector<std::thread> threads;
-    for (size_t i = 0; i < kStreams; ++i) {
-        threads.emplace_back([&, i] {
-            LaneHasher::Member member(hasher);
-            member.join();
-            const size_t end = i == 0 ? bodies[i].size() / 2 : bodies[i].size();
-            for (size_t k = i; fed[i] < end; ++k) {
-                const size_t size = std::min(chunkSizes[k % std::size(chunkSizes)], end - fed[i]);
-                ASSERT_TRUE(member.submit(streams[i], {bodies[i].data() + fed[i], size}));
-                fed[i] += size;
-            }
-            member.leave();
-        });
-    }
-    for (auto& thread : threads) {
-        thread.join();
-    }
-    stuck.leave();
-    for (size_t i = 0; i < kStreams; ++i) {
-        EXPECT_EQ(hexString(streams[i].digest()), md5Hex({bodies[i].data(), fed[i]})) << i;
-    }
-    const LaneHasher::Stats stats = hasher.stats();
-    EXPECT_GT(stats.rounds, 0u);
-    EXPECT_EQ(stats.aloneChunks, 0u);  // the stuck member never left: every chunk had company
 }
 
 // Uploads of different bodies at once, sent in pieces, while other connections drop mid-body:

@@ -9,7 +9,8 @@ namespace pellorin::receiver {
 
 void BodySink::begin(UniqueFd file, uint64_t offset, bool keep) {
     md5_.reset();
-    member_.join();
+    hasher_.join(member_);
+    inBody_ = true;
     file_ = std::move(file);
     offset_ = offset;
     bytes_ = 0;
@@ -19,10 +20,7 @@ void BodySink::begin(UniqueFd file, uint64_t offset, bool keep) {
 }
 
 void BodySink::consume(const uint8_t* data, size_t size) {
-    if (!member_.submit(md5_, {data, size}) && writeError_.empty()) {
-        writeError_ = "out of memory while hashing";
-        file_.reset();
-    }
+    hasher_.hash(member_, md5_, {data, size});
     if (keep_) {
         kept_.append(reinterpret_cast<const char*>(data), size);
     }
@@ -42,8 +40,20 @@ void BodySink::consume(const uint8_t* data, size_t size) {
     bytes_ += size;
 }
 
+void BodySink::setIdle(bool idle) {
+    if (!inBody_) {
+        return;
+    }
+    if (idle) {
+        hasher_.leave(member_);
+    } else {
+        hasher_.join(member_);
+    }
+}
+
 BodySink::Digest BodySink::finish() {
-    member_.leave();
+    hasher_.leave(member_);
+    inBody_ = false;
     file_.reset();
     return md5_.digest();
 }

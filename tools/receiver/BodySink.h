@@ -9,8 +9,8 @@
 #include <cstdint>
 #include <string>
 
+#include "datapath/LaneHasher.h"
 #include "datapath/Md5Lanes.h"
-#include "receiver/LaneHasher.h"
 #include "receiver/UniqueFd.h"
 
 namespace pellorin::receiver {
@@ -19,7 +19,8 @@ class BodySink {
   public:
     using Digest = std::array<uint8_t, 16>;
 
-    explicit BodySink(LaneHasher& hasher) : member_(hasher) {}
+    explicit BodySink(LaneHasher& hasher) : hasher_(hasher) {}
+    ~BodySink() { hasher_.leave(member_); }
     BodySink(const BodySink&) = delete;
     BodySink& operator=(const BodySink&) = delete;
 
@@ -29,8 +30,10 @@ class BodySink {
     // Hashes the bytes (waiting for their round) and writes them to the file. After a failed
     // write the file is dropped, the reason kept in writeError(), and hashing goes on.
     void consume(const uint8_t* data, size_t size);
-    // The connection's thread starts or stops waiting for its socket (see LaneHasher::Member).
-    void setIdle(bool idle) { member_.setIdle(idle); }
+    // The connection's thread starts (true) or stops (false) waiting for its socket. Rounds
+    // do not wait for a body whose peer has sent nothing more yet: it leaves the hasher
+    // meanwhile.
+    void setIdle(bool idle);
     // Ends the body: the digest of every byte consumed since begin(); closes the file.
     Digest finish();
 
@@ -40,7 +43,9 @@ class BodySink {
     const std::string& writeError() const { return writeError_; }
 
   private:
+    LaneHasher& hasher_;
     LaneHasher::Member member_;
+    bool inBody_ = false;  // between begin() and finish()
     Md5Stream md5_;
     UniqueFd file_;
     uint64_t offset_ = 0;

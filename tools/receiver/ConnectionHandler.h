@@ -10,10 +10,10 @@
 #include <string>
 #include <string_view>
 
+#include "datapath/LaneHasher.h"
 #include "receiver/BodySink.h"
 #include "receiver/Connection.h"
 #include "receiver/HttpHead.h"
-#include "receiver/LaneHasher.h"
 #include "receiver/Receiver.h"
 #include "receiver/RequestLog.h"
 #include "receiver/StopSignal.h"

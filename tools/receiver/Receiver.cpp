@@ -17,9 +17,9 @@
 #include <stdexcept>
 #include <thread>
 
+#include "datapath/LaneHasher.h"
 #include "receiver/Connection.h"
 #include "receiver/ConnectionHandler.h"
-#include "receiver/LaneHasher.h"
 #include "receiver/RequestLog.h"
 #include "receiver/ReservationEndpoint.h"
 #include "receiver/StopSignal.h"
@@ -196,7 +196,9 @@ class Receiver::Impl {
 
     const ReceiverOptions options_;
     RequestLog log_;
-    LaneHasher hasher_;  // every connection's body digests
+    // Every connection's body digests, in lanes: this receiver's own, not the process's shared
+    // one, so that a client uploading to it from the same process keeps its rounds to itself.
+    LaneHasher hasher_;
     StopSignal stop_;
     mutable std::mutex lifecycleMutex_;  // serialises start() and stop()
     bool started_ = false;               // guarded by lifecycleMutex_
