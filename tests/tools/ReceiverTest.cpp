@@ -1,12 +1,14 @@
 // The local receiver against a blocking loopback socket, for what a well-behaved client never
-// sends: bad heads, pipelined requests, bodies that never come. Well-formed uploads reach it
-// through the HTTP session and client tests. And how its reservation endpoint cuts files.
+// sends: bad heads, pipelined requests, bodies that never come, many bodies at once. Well-formed
+// uploads reach it through the HTTP session and client tests. And how its reservation endpoint
+// cuts files.
 #include "receiver/Receiver.h"
 
 #include <arpa/inet.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <netinet/in.h>
+#include <openssl/evp.h>
 #include <pellorin/Reservation.h>
 #include <sys/socket.h>
 #include <unistd.h>
@@ -16,8 +18,10 @@
 #include <fstream>
 #include <iterator>
 #include <mutex>
+#include <random>
 #include <thread>
 
+#include "Platform/Encoding.h"
 #include "receiver/ReservationEndpoint.h"
 #include "support/TempDir.h"
 
@@ -183,6 +187,70 @@ TEST(Receiver, StartFailsClearlyWhenThePortIsTaken) {
     EXPECT_THAT([&] { second.start(); },
                 ::testing::ThrowsMessage<std::runtime_error>(
                     ::testing::HasSubstr("bind 127.0.0.1:" + std::to_string(first.port()))));
+}
+
+std::vector<uint8_t> randomBytes(size_t size, uint32_t seed) {
+    std::mt19937 generator(seed);
+    std::vector<uint8_t> bytes(size);
+    for (auto& byte : bytes) {
+        byte = static_cast<uint8_t>(generator());
+    }
+    return bytes;
+}
+
+std::string md5Hex(std::span<const uint8_t> bytes) {
+    std::array<uint8_t, 16> digest{};
+    EVP_Digest(bytes.data(), bytes.size(), digest.data(), nullptr, EVP_md5(), nullptr);
+    return hexString(digest);
+}
+
+// Uploads of different bodies at once, sent in pieces, while other connections drop mid-body:
+// every record and every answer carries its own body's digest.
+TEST(Receiver, ManyBodiesAtOnceEachGetTheirOwnDigest) {
+    Receiver receiver({.checksumMode = ChecksumMode::eTag});
+    receiver.start();
+    constexpr size_t kUploads = 8, kDropped = 2;
+    std::vector<std::vector<uint8_t>> bodies;
+    for (size_t i = 0; i < kUploads + kDropped; ++i) {
+        bodies.push_back(randomBytes((1 << 20) + 1'001 * i, static_cast<uint32_t>(100 + i)));
+    }
+    const size_t droppedAfter = 300'001;
+    std::vector<std::string> answers(kUploads);
+    std::vector<std::thread> threads;
+    for (size_t i = 0; i < bodies.size(); ++i) {
+        threads.emplace_back([&, i] {
+            RawClient client(receiver.port());
+            const std::string_view body(reinterpret_cast<const char*>(bodies[i].data()),
+                                        i < kUploads ? bodies[i].size() : droppedAfter);
+            client.send(putHead("/upload/b" + std::to_string(i) + "?offset=0", bodies[i].size(),
+                                "Connection: close\r\n"));
+            for (size_t at = 0, piece = 1'000 + 7'919 * i; at < body.size(); at += piece) {
+                client.send(body.substr(at, piece));
+            }
+            if (i < kUploads) {
+                answers[i] = client.readToEnd();
+            }
+        });
+    }
+    for (auto& thread : threads) {
+        thread.join();
+    }
+    for (int i = 0; i < 250 && receiver.requests().size() < bodies.size(); ++i) {
+        std::this_thread::sleep_for(20ms);
+    }
+    const auto records = receiver.requests();
+    ASSERT_EQ(records.size(), bodies.size());
+    for (const RequestRecord& record : records) {
+        const size_t i = std::stoul(record.path.substr(std::string("/upload/b").size()));
+        const size_t sent = i < kUploads ? bodies[i].size() : droppedAfter;
+        const std::string digest = md5Hex({bodies[i].data(), sent});
+        EXPECT_EQ(record.bytesReceived, sent) << i;
+        EXPECT_EQ(record.md5Hex, digest) << i;
+        EXPECT_EQ(record.status, i < kUploads ? 200 : 0) << i;
+        if (i < kUploads) {
+            EXPECT_THAT(answers[i], ::testing::HasSubstr("\r\nETag: " + digest + "\r\n")) << i;
+        }
+    }
 }
 
 // A reservation call describing files of the given sizes, named f0, f1, ...

@@ -1,33 +1,16 @@
 #include "receiver/BodySink.h"
 
-#include <openssl/evp.h>
 #include <unistd.h>
 
 #include <cerrno>
 #include <cstring>
-#include <stdexcept>
 
 namespace pellorin::receiver {
 
-namespace {
-
-void freeDigestContext(evp_md_ctx_st* context) {
-    EVP_MD_CTX_free(context);
-}
-
-}  // namespace
-
-BodySink::BodySink() : md5_(EVP_MD_CTX_new(), freeDigestContext) {
-    if (!md5_ || EVP_DigestInit_ex(md5_.get(), EVP_md5(), nullptr) != 1) {
-        throw std::runtime_error("Receiver cannot compute MD5 digests");
-    }
-}
-
-BodySink::~BodySink() = default;
-
 void BodySink::begin(UniqueFd file, uint64_t offset, bool keep) {
-    // Re-initialising with the same type keeps the fetched implementation: no lookup per body.
-    EVP_DigestInit_ex(md5_.get(), nullptr, nullptr);
+    md5_.reset();
+    hasher_.join(member_);
+    inBody_ = true;
     file_ = std::move(file);
     offset_ = offset;
     bytes_ = 0;
@@ -37,7 +20,7 @@ void BodySink::begin(UniqueFd file, uint64_t offset, bool keep) {
 }
 
 void BodySink::consume(const uint8_t* data, size_t size) {
-    EVP_DigestUpdate(md5_.get(), data, size);
+    hasher_.hash(member_, md5_, {data, size});
     if (keep_) {
         kept_.append(reinterpret_cast<const char*>(data), size);
     }
@@ -57,12 +40,22 @@ void BodySink::consume(const uint8_t* data, size_t size) {
     bytes_ += size;
 }
 
+void BodySink::setIdle(bool idle) {
+    if (!inBody_) {
+        return;
+    }
+    if (idle) {
+        hasher_.leave(member_);
+    } else {
+        hasher_.join(member_);
+    }
+}
+
 BodySink::Digest BodySink::finish() {
-    Digest digest{};
-    unsigned int length = 0;
-    EVP_DigestFinal_ex(md5_.get(), digest.data(), &length);
+    hasher_.leave(member_);
+    inBody_ = false;
     file_.reset();
-    return digest;
+    return md5_.digest();
 }
 
 }  // namespace pellorin::receiver

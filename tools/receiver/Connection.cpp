@@ -43,6 +43,17 @@ void Connection::sendCloseNotify() {
 }
 
 bool Connection::waitFor(short events) {
+    if (waitObserver_) {
+        waitObserver_(true);
+    }
+    const bool ready = pollFor(events);
+    if (waitObserver_) {
+        waitObserver_(false);
+    }
+    return ready;
+}
+
+bool Connection::pollFor(short events) {
     std::array<pollfd, 2> entries{{{socket_.get(), events, 0}, {stop_.fd(), POLLIN, 0}}};
     for (;;) {
         int timeoutMs = -1;

@@ -6,6 +6,7 @@
 #include <chrono>
 #include <cstddef>
 #include <cstdint>
+#include <functional>
 #include <memory>
 #include <optional>
 #include <string_view>
@@ -44,15 +45,23 @@ class Connection {
         idleCloseAt_ = when;
     }
 
+    // Told when a wait for the peer starts (true) and ends (false), on the connection's thread:
+    // the receiver's hasher does not hold a round for a connection that has nothing to read.
+    void setWaitObserver(std::function<void(bool waiting)> observer) {
+        waitObserver_ = std::move(observer);
+    }
+
   private:
     // Waits until the socket is ready for `events` (POLLIN / POLLOUT); false on stop or error.
     bool waitFor(short events);
+    bool pollFor(short events);  // waitFor without telling the observer
     void sendCloseNotify();
 
     UniqueFd socket_;
     std::unique_ptr<ssl_st, void (*)(ssl_st*)> ssl_;
     const StopSignal& stop_;
     std::optional<std::chrono::steady_clock::time_point> idleCloseAt_;
+    std::function<void(bool)> waitObserver_;
 };
 
 }  // namespace pellorin::receiver

@@ -23,7 +23,8 @@ namespace pellorin::receiver {
 namespace {
 
 // One read buffer per connection: large enough that a fast sender fills it in one recv, so the
-// per-chunk costs (system call, digest call, pwrite) vanish next to hashing the bytes.
+// per-chunk costs (system call, a round of the shared hasher, pwrite) vanish next to hashing the
+// bytes.
 constexpr size_t kBufferSize = size_t{1} << 20;
 // The longest head accepted; longer ones are answered 431.
 constexpr size_t kMaxHeadSize = 64 * 1024;
@@ -92,14 +93,21 @@ std::optional<std::pair<std::string, std::string>> checksumHeader(BodySink::Dige
 
 ConnectionHandler::ConnectionHandler(Connection& connection, uint64_t number, RequestLog& log,
                                      const StopSignal& stop, const ReceiverOptions& options,
-                                     std::string baseUrl)
+                                     std::string baseUrl, LaneHasher& hasher)
     : connection_(connection),
       number_(number),
       log_(log),
       stop_(stop),
       options_(options),
       baseUrl_(std::move(baseUrl)),
-      buffer_(std::make_unique_for_overwrite<uint8_t[]>(kBufferSize)) {}
+      sink_(hasher),
+      buffer_(std::make_unique_for_overwrite<uint8_t[]>(kBufferSize)) {
+    connection_.setWaitObserver([this](bool waiting) { sink_.setIdle(waiting); });
+}
+
+ConnectionHandler::~ConnectionHandler() {
+    connection_.setWaitObserver(nullptr);
+}
 
 void ConnectionHandler::run() {
     if (!connection_.handshake()) {
@@ -372,9 +380,13 @@ ConnectionHandler::Next ConnectionHandler::serve(const RequestHead& head) {
     return route.framed ? Next::close : Next::drainAndClose;
 }
 
-bool ConnectionHandler::readBody(uint64_t length) { return takeBody(length, true); }
+bool ConnectionHandler::readBody(uint64_t length) {
+    return takeBody(length, true);
+}
 
-bool ConnectionHandler::skipBody(uint64_t length) { return takeBody(length, false); }
+bool ConnectionHandler::skipBody(uint64_t length) {
+    return takeBody(length, false);
+}
 
 bool ConnectionHandler::takeBody(uint64_t length, bool consume) {
     uint64_t remaining = length;

@@ -1,6 +1,6 @@
 // Serves the requests of one connection, one after another (keep-alive), applying each request's
 // fault: uploads, and calls of the reservation endpoint. Created and run by the connection's
-// thread, which owns it; the connection, log, stop signal and options must outlive it.
+// thread, which owns it; the connection, log, stop signal, options and hasher must outlive it.
 #pragma once
 
 #include <cstddef>
@@ -10,6 +10,7 @@
 #include <string>
 #include <string_view>
 
+#include "datapath/LaneHasher.h"
 #include "receiver/BodySink.h"
 #include "receiver/Connection.h"
 #include "receiver/HttpHead.h"
@@ -23,8 +24,13 @@ class ConnectionHandler {
   public:
     // `number` tells the connection apart in the request records. `baseUrl` is the receiver's
     // own ("http://127.0.0.1:<port>"), for the reservation answers.
+    // `hasher` hashes the bodies' MD5 together with the other connections'.
     ConnectionHandler(Connection& connection, uint64_t number, RequestLog& log,
-                      const StopSignal& stop, const ReceiverOptions& options, std::string baseUrl);
+                      const StopSignal& stop, const ReceiverOptions& options, std::string baseUrl,
+                      LaneHasher& hasher);
+    ~ConnectionHandler();
+    ConnectionHandler(const ConnectionHandler&) = delete;
+    ConnectionHandler& operator=(const ConnectionHandler&) = delete;
 
     // Returns when the peer closes, a request or answer ends the connection, a fault drops it,
     // or the receiver stops.

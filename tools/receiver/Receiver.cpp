@@ -17,6 +17,7 @@
 #include <stdexcept>
 #include <thread>
 
+#include "datapath/LaneHasher.h"
 #include "receiver/Connection.h"
 #include "receiver/ConnectionHandler.h"
 #include "receiver/RequestLog.h"
@@ -175,7 +176,7 @@ class Receiver::Impl {
         blockSigpipeOnThisThread();
         try {
             Connection connection(std::move(socket), tls_ ? tls_->context() : nullptr, stop_);
-            ConnectionHandler(connection, number, log_, stop_, options_, baseUrl()).run();
+            ConnectionHandler(connection, number, log_, stop_, options_, baseUrl(), hasher_).run();
         } catch (const std::exception&) {
             // Out of memory or resources for this connection: closing it is all that can be done.
         }
@@ -195,6 +196,9 @@ class Receiver::Impl {
 
     const ReceiverOptions options_;
     RequestLog log_;
+    // Every connection's body digests, in lanes: this receiver's own, not the process's shared
+    // one, so that a client uploading to it from the same process keeps its rounds to itself.
+    LaneHasher hasher_;
     StopSignal stop_;
     mutable std::mutex lifecycleMutex_;  // serialises start() and stop()
     bool started_ = false;               // guarded by lifecycleMutex_
