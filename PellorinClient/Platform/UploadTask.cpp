@@ -81,6 +81,13 @@ void UploadTask::resume() {
                     session.reset();
                     self.reset();
                 })) {
+            // Asked for now rather than by the transfer thread once it runs: the delegate
+            // answers while the thread wakes, and the thread seldom has to wait for it. The
+            // thread waits for mutex_ before it looks for the answer, so the question is
+            // always out first.
+            if (isStreamed()) {
+                requestBodyStream(*session);
+            }
             return;
         }
     }
@@ -139,7 +146,7 @@ void UploadTask::run(const std::shared_ptr<HttpSession>& session, const CurlHand
     std::shared_ptr<InputStream> stream;
     std::optional<int64_t> bodyLength;
     if (isStreamed()) {
-        stream = awaitBodyStream(*session);
+        stream = awaitBodyStream();
         bodyLength = requestBodyLength(request_);
     } else {
         bodyLength = static_cast<int64_t>(body_.size());
@@ -164,11 +171,13 @@ void UploadTask::run(const std::shared_ptr<HttpSession>& session, const CurlHand
         }
         stream->close();
     }
+    // From here on the thread only reports and lets go: the next part may be kept for it.
+    transferThreads::jobIsFinishing();
     complete(*session, std::move(outcome.metrics), std::move(outcome.error),
              std::move(outcome.data));
 }
 
-std::shared_ptr<InputStream> UploadTask::awaitBodyStream(HttpSession& session) {
+void UploadTask::requestBodyStream(HttpSession& session) {
     std::weak_ptr<UploadTask> weakSelf = weak_from_this();
     auto answer = std::make_shared<BodyStreamAnswer>([weakSelf](std::shared_ptr<InputStream> s) {
         if (std::shared_ptr<UploadTask> self = weakSelf.lock()) {
@@ -183,6 +192,9 @@ std::shared_ptr<InputStream> UploadTask::awaitBodyStream(HttpSession& session) {
         answer.reset();  // from now on only the handler's copies keep the answer open
         delegate.urlSessionTaskNeedNewBodyStream(s, task, std::move(handler));
     });
+}
+
+std::shared_ptr<InputStream> UploadTask::awaitBodyStream() {
     std::unique_lock lock(mutex_);
     wake_.wait(lock, [&] { return bodyStreamAnswered_ || cancelRequested_; });
     if (cancelRequested_) {
@@ -256,16 +268,14 @@ void UploadTask::complete(HttpSession& session, TaskMetrics metrics,
             handler(std::move(data), std::move(response), std::move(error));
         });
     } else {
+        // One block for both reports: they always come together, in this order.
         session.notifyDelegate(
-            shared_from_this(), [metrics = std::move(metrics)](HttpSessionDelegate& delegate,
-                                                               HttpSession& s, UploadTask& task) {
+            shared_from_this(),
+            [metrics = std::move(metrics), error = std::move(error)](
+                HttpSessionDelegate& delegate, HttpSession& s, UploadTask& task) {
                 delegate.urlSessionTaskDidFinishCollectingMetrics(s, task, metrics);
+                delegate.urlSessionTaskDidCompleteWithError(s, task, error);
             });
-        session.notifyDelegate(shared_from_this(),
-                               [error = std::move(error)](HttpSessionDelegate& delegate,
-                                                          HttpSession& s, UploadTask& task) {
-                                   delegate.urlSessionTaskDidCompleteWithError(s, task, error);
-                               });
     }
     session.taskDidComplete(taskIdentifier_);
 }
