@@ -152,15 +152,17 @@ bool run(Job job) {
     Pool& p = pool();
     {
         std::lock_guard lock(p.mutex);
+        // A finishing thread first: it takes the job without being woken, and it most likely
+        // holds a connection to the same server.
+        if (p.kept.size() < p.finishing) {
+            p.kept.push_back(std::move(job));
+            return true;
+        }
         if (!p.exiting && !p.idle.empty()) {
             std::shared_ptr<Worker> worker = std::move(p.idle.back());
             p.idle.pop_back();
             worker->job = std::move(job);
             worker->wake.notify_one();
-            return true;
-        }
-        if (p.kept.size() < p.finishing) {
-            p.kept.push_back(std::move(job));
             return true;
         }
     }

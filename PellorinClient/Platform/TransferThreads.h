@@ -39,7 +39,8 @@ namespace transferThreads {
 // Parts follow each other within milliseconds; a retry after a back-off wait reconnects.
 inline constexpr std::chrono::milliseconds kIdleLife{200};
 
-// Runs `job` on an idle transfer thread (the one idle the shortest time), or on a new one. The
+// Runs `job` on a finishing transfer thread once it is done, else on an idle one (the one idle
+// the shortest time), else on a new one. The
 // job must have taken its easy handle out of the multi handle and reset it when it returns, and
 // must not keep the handles. Returns false, with the job destroyed unrun, when no thread is idle
 // and the system refuses a new one (out of threads or memory). Any thread.
