@@ -150,6 +150,7 @@ void jobIsFinishing() {
 
 bool run(Job job) {
     Pool& p = pool();
+    std::shared_ptr<Worker> idle;
     {
         std::lock_guard lock(p.mutex);
         // A finishing thread first: it takes the job without being woken, and it most likely
@@ -159,12 +160,15 @@ bool run(Job job) {
             return true;
         }
         if (!p.exiting && !p.idle.empty()) {
-            std::shared_ptr<Worker> worker = std::move(p.idle.back());
+            idle = std::move(p.idle.back());
             p.idle.pop_back();
-            worker->job = std::move(job);
-            worker->wake.notify_one();
-            return true;
+            idle->job = std::move(job);
         }
+    }
+    if (idle) {
+        // Outside the lock, which the woken thread needs at once.
+        idle->wake.notify_one();
+        return true;
     }
     auto worker = std::make_shared<Worker>();
     worker->job = std::move(job);
