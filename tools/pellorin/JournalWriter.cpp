@@ -1,5 +1,7 @@
 #include "JournalWriter.h"
 
+#include <pthread.h>
+
 namespace pellorin::host {
 
 JournalWriter::JournalWriter(Journal& journal, Durable durable, Failed failed)
@@ -31,6 +33,7 @@ void JournalWriter::flush() {
 }
 
 void JournalWriter::run() {
+    pthread_setname_np(pthread_self(), "Journal Writer");
     std::unique_lock lock(mutex_);
     for (;;) {
         work_.wait(lock, [this] { return stopping_ || !queue_.empty(); });
