@@ -62,7 +62,7 @@ class UploadTask final : public pellorin::UploadTask,
   private:
     void run(const std::shared_ptr<HttpSession>& session, const CurlHandles& handles);
     // Asks the delegate for the body stream (an async block on the delegate queue). resume(),
-    // under mutex_, once the transfer thread is had.
+    // once the transfer thread is had.
     void requestBodyStream(HttpSession& session);
     // Waits on the transfer thread for the delegate's answer; null when cancelled first.
     std::shared_ptr<InputStream> awaitBodyStream();

@@ -1,5 +1,6 @@
 #include "Platform/CurlUploadTask.h"
 
+#include <atomic>
 #include <cerrno>
 
 #include "Platform/CurlSession.h"
@@ -36,12 +37,16 @@ class BodyStreamAnswer {
     explicit BodyStreamAnswer(std::function<void(std::shared_ptr<InputStream>)> deliver)
         : deliver_(std::move(deliver)) {}
     ~BodyStreamAnswer() { answer(nullptr); }
+    // The first answer is delivered, later ones are dropped. (An atomic flag rather than
+    // std::call_once, which makes a futex call every time it runs.)
     void answer(std::shared_ptr<InputStream> stream) {
-        std::call_once(once_, [&] { deliver_(std::move(stream)); });
+        if (!answered_.exchange(true, std::memory_order_acq_rel)) {
+            deliver_(std::move(stream));
+        }
     }
 
   private:
-    std::once_flag once_;
+    std::atomic<bool> answered_{false};
     std::function<void(std::shared_ptr<InputStream>)> deliver_;
 };
 
@@ -75,21 +80,20 @@ void UploadTask::resume() {
             return;  // the session is gone: nobody would hear of the outcome
         }
         state_ = State::running;
-        if (transferThreads::run(
-                [self = shared_from_this(), session](const CurlHandles& handles) mutable {
-                    self->run(session, handles);
-                    session.reset();
-                    self.reset();
-                })) {
-            // Asked for now rather than by the transfer thread once it runs: the delegate
-            // answers while the thread wakes, and the thread seldom has to wait for it. The
-            // thread waits for mutex_ before it looks for the answer, so the question is
-            // always out first.
-            if (isStreamed()) {
-                requestBodyStream(*session);
-            }
-            return;
+    }
+    // Outside the lock, which the transfer thread wants as soon as it runs.
+    if (transferThreads::run(
+            [self = shared_from_this(), session](const CurlHandles& handles) mutable {
+                self->run(session, handles);
+                session.reset();
+                self.reset();
+            })) {
+        // Asked for now rather than by the transfer thread once it runs: the delegate answers
+        // while the thread wakes, and the thread seldom has to wait for it.
+        if (isStreamed()) {
+            requestBodyStream(*session);
         }
+        return;
     }
     // The system refused a thread: the task ends with an error its owner may retry.
     PlatformError error{
