@@ -89,45 +89,72 @@ std::string base64Encode(std::span<const uint8_t> bytes) {
     return text;
 }
 
+namespace {
+
+// The length of the well-formed UTF-8 sequence at bytes[i] (1-4), or 0 when there is none: the
+// lead byte fixes the length and the range of the first continuation byte, which rules out
+// overlong forms, surrogates and values past U+10FFFF.
+size_t sequenceLength(const uint8_t* bytes, size_t size, size_t i) {
+    const uint8_t lead = bytes[i];
+    if (lead < 0x80) {
+        return 1;
+    }
+    size_t length = 0;
+    uint8_t low = 0x80;
+    uint8_t high = 0xBF;
+    if (lead >= 0xC2 && lead <= 0xDF) {
+        length = 2;
+    } else if (lead >= 0xE0 && lead <= 0xEF) {
+        length = 3;
+        low = lead == 0xE0 ? 0xA0 : 0x80;
+        high = lead == 0xED ? 0x9F : 0xBF;
+    } else if (lead >= 0xF0 && lead <= 0xF4) {
+        length = 4;
+        low = lead == 0xF0 ? 0x90 : 0x80;
+        high = lead == 0xF4 ? 0x8F : 0xBF;
+    } else {
+        return 0;
+    }
+    if (size - i < length || bytes[i + 1] < low || bytes[i + 1] > high) {
+        return 0;
+    }
+    for (size_t k = 2; k < length; ++k) {
+        if (bytes[i + k] < 0x80 || bytes[i + k] > 0xBF) {
+            return 0;
+        }
+    }
+    return length;
+}
+
+}  // namespace
+
 bool isValidUtf8(std::string_view text) {
     const auto* bytes = reinterpret_cast<const uint8_t*>(text.data());
-    const size_t size = text.size();
-    size_t i = 0;
-    while (i < size) {
-        const uint8_t lead = bytes[i];
-        if (lead < 0x80) {
-            ++i;
-            continue;
-        }
-        // The well-formed sequences: the lead byte fixes the length and the range of the first
-        // continuation byte, which rules out overlong forms, surrogates and values past U+10FFFF.
-        size_t length = 0;
-        uint8_t low = 0x80;
-        uint8_t high = 0xBF;
-        if (lead >= 0xC2 && lead <= 0xDF) {
-            length = 2;
-        } else if (lead >= 0xE0 && lead <= 0xEF) {
-            length = 3;
-            low = lead == 0xE0 ? 0xA0 : 0x80;
-            high = lead == 0xED ? 0x9F : 0xBF;
-        } else if (lead >= 0xF0 && lead <= 0xF4) {
-            length = 4;
-            low = lead == 0xF0 ? 0x90 : 0x80;
-            high = lead == 0xF4 ? 0x8F : 0xBF;
-        } else {
+    for (size_t i = 0; i < text.size();) {
+        const size_t length = sequenceLength(bytes, text.size(), i);
+        if (length == 0) {
             return false;
-        }
-        if (size - i < length || bytes[i + 1] < low || bytes[i + 1] > high) {
-            return false;
-        }
-        for (size_t k = 2; k < length; ++k) {
-            if (bytes[i + k] < 0x80 || bytes[i + k] > 0xBF) {
-                return false;
-            }
         }
         i += length;
     }
     return true;
+}
+
+std::string withInvalidUtf8Replaced(std::string_view text) {
+    const auto* bytes = reinterpret_cast<const uint8_t*>(text.data());
+    std::string out;
+    out.reserve(text.size());
+    for (size_t i = 0; i < text.size();) {
+        const size_t length = sequenceLength(bytes, text.size(), i);
+        if (length == 0) {
+            out += "\xEF\xBF\xBD";  // U+FFFD REPLACEMENT CHARACTER
+            ++i;
+        } else {
+            out.append(text.substr(i, length));
+            i += length;
+        }
+    }
+    return out;
 }
 
 bool equalsIgnoringCase(std::string_view a, std::string_view b) {

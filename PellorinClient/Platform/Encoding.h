@@ -29,5 +29,8 @@ bool equalsIgnoringCase(std::string_view a, std::string_view b);
 // True when `text` is well-formed UTF-8: no overlong forms, no surrogates, nothing past U+10FFFF,
 // no truncated sequence.
 bool isValidUtf8(std::string_view text);
+// `text` with every byte that starts no well-formed UTF-8 sequence replaced by U+FFFD, for
+// showing text from elsewhere (a server's answer) that may not be UTF-8.
+std::string withInvalidUtf8Replaced(std::string_view text);
 
 }  // namespace pellorin

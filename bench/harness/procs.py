@@ -43,7 +43,7 @@ class Child:
     busy machine's CPU (small parts ran at half speed that way). A watchdog kills the tool after
     `limit_s`, so a stuck tool cannot hang the benchmark."""
 
-    def __init__(self, argv, log, limit_s, cpu=None):
+    def __init__(self, argv, log, limit_s, cpu=None, env=None):
         self.argv = [str(a) for a in argv]
         self.log = log
         self._stats = log + ".time"
@@ -55,6 +55,7 @@ class Child:
             stdin=subprocess.DEVNULL,
             stdout=self._log_file,
             stderr=self._log_file,
+            env=None if env is None else {**os.environ, **env},
         )
         self.killed = False
         self._done = threading.Event()

@@ -2,6 +2,7 @@
 one repetition to the next, and returns plain dictionaries for the report."""
 
 import os
+import re
 import signal
 import statistics
 import time
@@ -42,18 +43,23 @@ class Bench:
         return procs.Server(self.pellorin, self.log("serve"),
                             cpu=self.server_cpu if pinned else None)
 
-    def client(self, argv, what, limit_s=600, pinned=True):
+    def client(self, argv, what, limit_s=600, pinned=True, env=None):
         """Starts a client-side tool (on the client's core when pinned); the caller waits."""
         return procs.Child(argv, self.log(what), limit_s,
-                           cpu=self.client_cpu if pinned else None)
+                           cpu=self.client_cpu if pinned else None, env=env)
 
-    def upload(self, reservation, connections, rate_kbps=None, limit_s=600, pinned=True):
-        """Starts `pellorin upload`; the caller waits for it."""
+    def upload(self, reservation, connections, rate_kbps=None, limit_s=600, pinned=True,
+               lanes=True):
+        """Starts `pellorin upload`; the caller waits for it. It writes its lane counters to
+        its log (see lane_occupancy); `lanes=False` hashes every part by itself, as before
+        parts were hashed together."""
         argv = [self.pellorin, "upload", "--reservation", reservation,
                 "--max-connections", connections, "--max-retries", 3]
         if rate_kbps is not None:
             argv += ["--rate-limit", rate_kbps]
-        return self.client(argv, f"pellorin-{connections}", limit_s, pinned)
+        env = {"PELLORIN_MD5_LANES_STATS": "1", "PELLORIN_MD5_LANES": "1" if lanes else "0"}
+        return self.client(argv, f"pellorin-{connections}{'' if lanes else '-alone'}", limit_s,
+                           pinned, env)
 
     def curl(self, config, connections, rate_bytes=None, limit_s=600, pinned=True):
         """Starts curl sending the parts of `config`, `connections` at a time."""
@@ -66,6 +72,18 @@ class Bench:
 
 def run_ok(child, what):
     return procs.require_success(child.wait(), what)
+
+
+def lane_occupancy(run):
+    """The share of lane slots that carried data over the run (0 when nothing was hashed
+    together), from the line pellorin writes with PELLORIN_MD5_LANES_STATS set."""
+    with open(run.log, errors="replace") as f:
+        for line in f:
+            found = re.search(r"(\d+) blocks in (\d+) lane slots", line)
+            if line.startswith("md5 lanes:") and found:
+                blocks, slots = int(found.group(1)), int(found.group(2))
+                return blocks / slots if slots else 0.0
+    return 0.0
 
 
 def summary(runs, value):
@@ -102,13 +120,14 @@ class Job:
                 bench.path(f"{name}.curl"), self.file, cut, part_size, url_for)
 
     def start(self, tool, connections, cap=None, limit_s=600):
-        """Starts `tool` ("pellorin" or "curl") on this job; `cap` in bytes per second is the
-        total for pellorin and is shared out per transfer for curl, whose limit is per
-        transfer."""
-        if tool == "pellorin":
+        """Starts `tool` ("pellorin", "pellorin-alone" without lanes, or "curl") on this job;
+        `cap` in bytes per second is the total for pellorin and is shared out per transfer for
+        curl, whose limit is per transfer."""
+        if tool.startswith("pellorin"):
             return self.bench.upload(self.reservation, connections,
                                      rate_kbps=None if cap is None else cap // 1000,
-                                     limit_s=limit_s, pinned=self.pinned)
+                                     limit_s=limit_s, pinned=self.pinned,
+                                     lanes=tool == "pellorin")
         return self.bench.curl(self.config, connections,
                                rate_bytes=None if cap is None else cap / connections,
                                limit_s=limit_s, pinned=self.pinned)
@@ -135,13 +154,19 @@ def md5_speed(bench, elapsed=False):
 # --- 1 and 2: throughput, and client CPU per GiB -----------------------------------------------
 
 def throughput(bench, size, part_size, connection_counts, repetitions):
-    runs = {n: {"pellorin": [], "curl": []} for n in connection_counts}
+    """Each connection count, pellorin against curl; at one connection also pellorin hashing
+    every part by itself (the data path before parts were hashed together), the baseline a lone
+    part must keep up with."""
+    runs = {n: {"pellorin": [], "curl": [], "pellorin-alone": []} for n in connection_counts}
     digests = []
     with bench.server() as server:
         job = Job(bench, "throughput", size, part_size, server.url)
         for repetition in range(repetitions):
             for index, n in enumerate(connection_counts):
-                for tool in alternate(repetition + index, "pellorin", "curl"):
+                tools = list(alternate(repetition + index, "pellorin", "curl"))
+                if n == 1:
+                    tools.insert(repetition % 3, "pellorin-alone")
+                for tool in tools:
                     before = server.cpu_seconds()
                     run = run_ok(job.start(tool, n), f"{tool} with {n} connections")
                     run.receiver_cpu_s = server.cpu_seconds() - before
@@ -151,8 +176,11 @@ def throughput(bench, size, part_size, connection_counts, repetitions):
                 "openssl dgst"))
     points = []
     for n in connection_counts:
-        point = {"connections": n}
-        for tool in ("pellorin", "curl"):
+        point = {"connections": n,
+                 "lane_occupancy": summary(runs[n]["pellorin"], lane_occupancy)}
+        for tool in ("pellorin", "curl", "pellorin-alone"):
+            if not runs[n][tool]:
+                continue
             point[tool] = {
                 "bytes_per_s": summary(runs[n][tool], lambda r: size / r.wall_s),
                 "cpu_s_per_gib": summary(runs[n][tool], lambda r: r.cpu_s / (size / GiB)),

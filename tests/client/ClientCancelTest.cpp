@@ -94,15 +94,6 @@ TEST(ClientCancel, APartHandedInAfterTheCancellationFailsOnceAndNeverStarts) {
     EXPECT_TRUE(t.delegate->started.empty());
 }
 
-TEST(ClientCancel, CancellingBeforeAnythingStartedStillLetsTheWaitReturn) {
-    Transfer t(4 * 1024, 2, 3);
-    t.submitParts(1024);
-    t.client->invalidateAndCancel();
-    EXPECT_EQ(t.run(std::chrono::seconds(10)), 1);
-    EXPECT_TRUE(t.receiver->requests().empty());
-    EXPECT_EQ(t.delegate->failed.size(), 4u);
-}
-
 // A part whose connection drops just before the cancellation reaches it is retried, and must
 // then fail as cancelled rather than wait for ever in a queue that no longer runs.
 TEST(CancelUnderLoad, APartRetriedAfterTheCancellationFailsInsteadOfWaitingForever) {

@@ -89,14 +89,6 @@ TEST(ClientScheduling, NothingSubmittedReturnsZeroAtOnceWithoutNotification) {
     EXPECT_TRUE(t.delegate->events.empty());
 }
 
-TEST(ClientScheduling, StandardClientMultipliesTheRateLimitByAThousand) {
-    auto client = PellorinClient::standardClient(5, 2, 1);
-    const auto& limiter = ClientCore::of(*client).rateLimiter();
-    ASSERT_TRUE(limiter);
-    EXPECT_EQ(limiter->permitsPerSecond(), 5000u);
-    EXPECT_FALSE(ClientCore::of(*PellorinClient::standardClient(std::nullopt, 2, 1)).rateLimiter());
-}
-
 TEST(ClientBadParts, MissingFileAndPartPastTheEndFailAloneWhileTheOthersAndAnEmptyOneComplete) {
     Transfer t(4 * kPart, 2, 1);
     t.submitParts(kPart);

@@ -136,7 +136,8 @@ TEST_P(Md5LanesKernel, LongStreamsFinishingAtDifferentTimes) {
 
 INSTANTIATE_TEST_SUITE_P(, Md5LanesKernel,
                          testing::Values(std::nullopt, Kernel::openssl, Kernel::scalar,
-                                         Kernel::avx2, Kernel::avx512),
+                                         Kernel::avx2, Kernel::avx512x4, Kernel::avx512x8,
+                                         Kernel::avx512x16),
                          [](const testing::TestParamInfo<std::optional<Kernel>>& info) {
                              return info.param ? std::string(Md5Lanes::name(*info.param))
                                                : std::string("chosen");

@@ -1,4 +1,4 @@
-// The small platform primitives: queues, semaphores, timers, UTF-8, atomics.
+// The small platform primitives: queues, semaphores, timers, UTF-8.
 #include <gtest/gtest.h>
 
 #include <atomic>
@@ -11,7 +11,6 @@
 #include "Platform/Encoding.h"
 #include "Platform/RepeatingTimer.h"
 #include "Platform/Semaphore.h"
-#include "datapath/Atomic.h"
 
 namespace pellorin {
 namespace {
@@ -95,21 +94,9 @@ TEST(EncodingTest, Utf8Check) {
         EXPECT_FALSE(isValidUtf8(bad)) << bad;
     }
     EXPECT_FALSE(isValidUtf8(std::string_view("\xe2\x82\xac", 2)));
-}
-
-// URLs are pinned where they are used: their text in the messages' JSON, their rejection in
-// reservation files and the C interface.
-TEST(AtomicTest, IncrementsAreNotLost) {
-    Atomic<int64_t> counter(0);
-    auto add = [&] {
-        for (int i = 0; i < 10000; ++i) {
-            counter.modify([](int64_t& value) { ++value; });
-        }
-    };
-    std::thread a(add), b(add);
-    a.join();
-    b.join();
-    EXPECT_EQ(counter.load(), 20000);
+    // Each bad byte becomes one U+FFFD; good sequences around it stay.
+    EXPECT_EQ(withInvalidUtf8Replaced("caf\xc3\xa9\xc0\xaf\xe2\x82"),
+              "caf\xc3\xa9\xef\xbf\xbd\xef\xbf\xbd\xef\xbf\xbd\xef\xbf\xbd");
 }
 
 }  // namespace

@@ -1,5 +1,5 @@
-// The Logger value, lazy evaluation, levels, the module rule, metadata values, the multiplex
-// handler and the process-wide logging system, observed through recording handlers.
+// The Logger value, lazy evaluation, levels, the module rule, the multiplex handler and the
+// process-wide logging system, observed through recording handlers.
 #include <cstdlib>
 #include <memory>
 #include <string>
@@ -80,13 +80,6 @@ TEST(Logger, LevelTextsAndModuleRule) {
     EXPECT_EQ(Logger::currentModule("/a/Sources/LoggingProgressReporter.cpp"), "Sources");
 }
 
-TEST(Logger, MetadataValueText) {
-    using Value = Logger::MetadataValue;
-    const Value dictionary = Value::Dictionary{{"b", "2"}, {"a", Value::Array{"x", "y"}}};
-    EXPECT_EQ(dictionary.description(), R"(["a": "["x", "y"]", "b": "2"])");
-    EXPECT_NE(Value("42"), Value::stringConvertible(42));
-}
-
 std::unique_ptr<MultiplexLogHandler> multiplexOf(std::shared_ptr<LogRecord> first, Level level1,
                                                  std::shared_ptr<LogRecord> second, Level level2) {
     std::vector<std::unique_ptr<LogHandler>> handlers;
@@ -125,36 +118,10 @@ TEST(MultiplexLogHandler, EarliestHandlerWinsMetadataKeys) {
     EXPECT_EQ(multiplex->handlers()[1]->metadata(), (Logger::Metadata{{"z", "0"}}));
 }
 
-// The process-wide logging system. Each case that bootstraps runs in a death-test child, so the
-// test process itself never bootstraps.
-class LoggingSystemTest : public ::testing::Test {
-  protected:
-    void SetUp() override { GTEST_FLAG_SET(death_test_style, "threadsafe"); }
-};
-
-TEST_F(LoggingSystemTest, DefaultsToStandardOutputAtInfo) {
-    const Logger logger("default");
-    const auto* handler = dynamic_cast<const StreamLogHandler*>(&logger.handler());
-    ASSERT_NE(handler, nullptr);
-    EXPECT_EQ(handler->stream().file(), stdout);
-    EXPECT_EQ(handler->stream().flushMode(), StdioOutputStream::FlushMode::always);
-    EXPECT_EQ(StreamLogHandler::standardError("x").stream().file(), stderr);
-    EXPECT_EQ(handler->label(), "default");
-    EXPECT_EQ(logger.logLevel(), Logger::Level::info);
-}
-
-TEST_F(LoggingSystemTest, SecondBootstrapIsFatal) {
-    EXPECT_DEATH(
-        {
-            LoggingSystem::bootstrap(
-                [](const std::string&) { return std::make_unique<NoOpLogHandler>(); });
-            LoggingSystem::bootstrap(
-                [](const std::string&) { return std::make_unique<NoOpLogHandler>(); });
-        },
-        "Fatal error: .*once");
-}
-
-TEST_F(LoggingSystemTest, LoggerMadeBeforeBootstrapKeepsItsHandler) {
+// The process-wide logging system, bootstrapped in a death-test child so that the test process
+// itself never bootstraps.
+TEST(LoggingSystemTest, LoggerMadeBeforeBootstrapKeepsItsHandler) {
+    GTEST_FLAG_SET(death_test_style, "threadsafe");
     EXPECT_EXIT(
         {
             const Logger before("before");
@@ -167,11 +134,6 @@ TEST_F(LoggingSystemTest, LoggerMadeBeforeBootstrapKeepsItsHandler) {
             std::exit(ok ? 0 : 1);
         },
         ::testing::ExitedWithCode(0), "");
-}
-
-TEST_F(LoggingSystemTest, EmptyMultiplexAndNullHandlerAreFatal) {
-    EXPECT_DEATH(MultiplexLogHandler({}), "Fatal error");
-    EXPECT_DEATH(Logger("null", std::unique_ptr<LogHandler>()), "Fatal error");
 }
 
 }  // namespace

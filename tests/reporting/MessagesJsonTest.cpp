@@ -47,9 +47,3 @@ TEST(MessagesJson, EveryRecordWritesExactlyItsFieldsInOrder) {
         EXPECT_EQ(text, expected);
     }
 }
-
-TEST(MessagesJsonDeathTest, NullErrorsAreRefused) {
-    auto url = *Url::parse("http://h");
-    EXPECT_DEATH(PartRetryMessage("/a", 1, 0, 1, 0.0, nullptr), "without an error");
-    EXPECT_DEATH(PartFailureMessage("/a", 1, url, {nullptr}), "null error");
-}

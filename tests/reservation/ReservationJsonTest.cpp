@@ -5,7 +5,6 @@
 #include <gtest/gtest.h>
 
 #include <functional>
-#include <regex>
 
 #include "reservation/ReservationJson.h"
 
@@ -33,11 +32,6 @@ Operation sampleOperation(int64_t partNumber) {
 
 TEST(CreateReservationRequestTest, DefaultsOrderAndExactKeys) {
     const std::string_view os = CreateReservationRequest::defaultOSIdentifier;
-    EXPECT_EQ(os.size(), 53u);
-    EXPECT_TRUE(
-        std::regex_match(std::string(os), std::regex(R"([A-Za-z ]+ 10\.14\.6 \(x86_64\); )"
-                                                     R"(\w+=11\.0\.2\+9; \w+=11\.0\.2\+9)")));
-
     EXPECT_EQ(encodeJSONRPCRequest(sampleCall("prov"), false),
               R"({"jsonrpc":"2.0","method":"createTestReservation","id":"20240232102030",)"
               R"("params":{"Username":"ann","Password":"s3cret","LumoProviderName":"prov",)"

@@ -3,9 +3,9 @@
 // object goes away. Owned by one test thread.
 #pragma once
 
-#include <sys/types.h>
-
+#include <cstdio>
 #include <filesystem>
+#include <memory>
 #include <optional>
 #include <string>
 #include <vector>
@@ -20,23 +20,19 @@ class ThirdPartyServer {
     // tinyproxy: plain http forwarded, https carried through CONNECT.
     static ThirdPartyServer forwardProxy(const std::filesystem::path& dir);
 
-    ThirdPartyServer(ThirdPartyServer&& other) noexcept;
-    ThirdPartyServer& operator=(ThirdPartyServer&&) = delete;
-    ~ThirdPartyServer();  // stops the server: end of its input, then SIGTERM, then SIGKILL
-
     // False when the program is not installed (skipText() says which) or did not start
     // (failure() says why).
-    bool running() const { return pid_ > 0 && !url_.empty(); }
+    bool running() const { return !url_.empty(); }
     const std::string& skipText() const { return skipText_; }
     const std::string& failure() const { return failure_; }
     const std::string& url() const { return url_; }  // "https://127.0.0.1:PORT" or "http://…"
     const std::string& caFile() const { return caFile_; }  // nginx only
 
   private:
-    explicit ThirdPartyServer(std::vector<std::string> arguments);
+    ThirdPartyServer(const std::filesystem::path& dir, const std::vector<std::string>& arguments);
 
-    pid_t pid_ = -1;
-    int input_ = -1;  // the server's standard input; closing it stops the server
+    // The script's standard input; closing it (pclose, which then waits) stops the server.
+    std::unique_ptr<std::FILE, int (*)(std::FILE*)> input_{nullptr, ::pclose};
     std::string url_, caFile_, skipText_, failure_;
 };
 

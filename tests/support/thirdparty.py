@@ -13,8 +13,8 @@ From Python:
 From other languages (the C++ tests): `thirdparty.py nginx --upstream HOST:PORT --dir DIR
 [--http2] [--keepalive-timeout 50ms]` or `thirdparty.py proxy --dir DIR` prints one JSON line
 ({"port", "url", "ca_file"}) once the server accepts connections, and stops the server when its
-standard input reaches end of file or it receives SIGTERM. Exit status 77 when the program is
-not installed.
+standard input reaches end of file or it receives SIGTERM. When the program is not installed the
+line is {"unavailable": why} and the exit status 77; when it does not start, {"failure": why}.
 
 nginx always terminates TLS with a certificate for 127.0.0.1 and localhost signed by a CA made
 here (ca.pem in the folder). Request bodies are streamed to the upstream unbuffered, so an
@@ -225,8 +225,11 @@ def main():
             print(json.dumps(running.describe()), flush=True)
             sys.stdin.read()  # until the caller closes our input or goes away
     except Unavailable as error:
-        print(error, file=sys.stderr)
+        print(json.dumps({"unavailable": str(error)}), flush=True)
         sys.exit(77)
+    except Exception as error:  # noqa: BLE001 - told to the caller, which fails the test
+        print(json.dumps({"failure": f"{type(error).__name__}: {error}"}), flush=True)
+        sys.exit(1)
 
 
 if __name__ == "__main__":

@@ -11,8 +11,8 @@ target_include_directories(pellorin_c_header_check PRIVATE ${PROJECT_SOURCE_DIR}
 set_target_properties(pellorin_c_header_check PROPERTIES C_STANDARD 90 C_STANDARD_REQUIRED ON
                       C_EXTENSIONS OFF)
 
-# End-to-end tests in Python: the binary and the C interface via ctypes (standard library only),
-# and the Python module (pytest).
+# End-to-end tests in Python: the binary (standard library only), and the Python module and the
+# C interface through ctypes (pytest).
 find_package(Python3 COMPONENTS Interpreter)
 if(Python3_FOUND AND TARGET pellorin_cli)
   add_test(NAME cli.end_to_end
@@ -36,14 +36,9 @@ if(Python3_FOUND AND TARGET pellorin_cli)
     set(c_interface_environment "LD_PRELOAD=${asan_runtime} ${ubsan_runtime};ASAN_OPTIONS=detect_leaks=0")
   endif()
   if(NOT PELLORIN_SANITIZE OR c_interface_environment)
-    add_test(NAME cli.c_interface
-             COMMAND Python3::Interpreter ${CMAKE_CURRENT_LIST_DIR}/test_c_interface.py
-                     --library $<TARGET_FILE:pellorin> --binary $<TARGET_FILE:pellorin_cli>)
-    set_tests_properties(cli.c_interface PROPERTIES TIMEOUT 60
-                         ENVIRONMENT "${c_interface_environment}")
-
-    # The Python module (python/), with pytest: the found interpreter when it has pytest, else
-    # the system's (where the distribution's python3-pytest lives).
+    # The Python module (python/) and the C interface called through its ctypes declarations,
+    # with pytest: the found interpreter when it has pytest, else the system's (where the
+    # distribution's python3-pytest lives).
     set(pytest_interpreter "")
     foreach(candidate ${Python3_EXECUTABLE} /usr/bin/python3)
       if(NOT pytest_interpreter AND EXISTS ${candidate})
@@ -61,7 +56,7 @@ if(Python3_FOUND AND TARGET pellorin_cli)
       set_tests_properties(python.module PROPERTIES TIMEOUT 60 ENVIRONMENT
         "PELLORIN_LIBRARY=$<TARGET_FILE:pellorin>;PELLORIN_BINARY=$<TARGET_FILE:pellorin_cli>;${c_interface_environment}")
     else()
-      message(STATUS "pytest not found: the Python module's tests are left out")
+      message(STATUS "pytest not found: the Python module's and the C interface's tests are left out")
     endif()
   endif()
 endif()

@@ -2,6 +2,7 @@
 Standard library only; every wait is bounded."""
 
 import hashlib
+import json
 import os
 import re
 import select
@@ -20,6 +21,17 @@ def make_file(path, size):
     return path
 
 
+def reservation(path, file_path, size, part_size, url_for):
+    """Writes a reservation file cutting `file_path` into parts sent to url_for(offset)."""
+    pairs = [{"filePath": file_path, "operation": {
+        "method": "PUT", "uri": url_for(offset), "partNumber": number, "offset": offset,
+        "length": min(part_size, size - offset), "expires": "2099-01-01T00:00:00Z"}}
+        for number, offset in enumerate(range(0, size, part_size), start=1)]
+    with open(path, "w") as f:
+        json.dump(pairs, f)
+    return pairs
+
+
 class Server:
     """The receiver assembling uploads in `directory`; its request lines are kept when it stops."""
 
@@ -36,6 +48,9 @@ class Server:
         self.lines = []
 
     def stop(self):
+        """Stops the receiver (once; later calls return the same status)."""
+        if self.process.returncode is not None:
+            return self.process.returncode
         self.process.send_signal(signal.SIGINT)
         rest, _ = self.process.communicate(timeout=10)
         self.lines += rest.splitlines()

@@ -5,7 +5,6 @@ and status 1, the receiver refuses what it cannot serve and keeps serving; nothi
 Standard library only; every wait is bounded."""
 
 import argparse
-import json
 import os
 import re
 import select
@@ -16,7 +15,7 @@ import sys
 import tempfile
 import unittest
 
-from served import Server, make_file
+from served import Server, make_file, reservation
 
 BINARY = None
 LIMIT = 60
@@ -31,13 +30,9 @@ def limited(nproc, *args):
             "--inh-caps=-all", "prlimit", f"--nproc={nproc}", BINARY, *args]
 
 
-def reservation(directory, source, base):
+def readable_reservation(directory, source, base):
     path = os.path.join(directory, "r.json")
-    with open(path, "w") as f:
-        json.dump([{"filePath": source, "operation": {
-            "method": "PUT", "uri": f"{base}/upload/copy.bin?offset={offset}", "partNumber": n,
-            "offset": offset, "length": PART, "expires": "2099-01-01T00:00:00Z"}}
-            for n, offset in enumerate(range(0, PART * PARTS, PART), start=1)], f)
+    reservation(path, source, PART * PARTS, PART, lambda o: f"{base}/upload/copy.bin?offset={o}")
     os.chmod(path, 0o644)
     return path
 
@@ -69,7 +64,7 @@ class OutOfThreads(unittest.TestCase):
         server = Server(BINARY, received)
         try:
             result = upload(limited(6, "upload", "-r",
-                                    reservation(self.directory, self.source, server.base),
+                                    readable_reservation(self.directory, self.source, server.base),
                                     "-c", "8", "--max-retries", "1", "--retry-rounds", "0"))
         finally:
             self.assertEqual(server.stop(), 0)
@@ -86,7 +81,7 @@ class OutOfThreads(unittest.TestCase):
             ready, _, _ = select.select([process.stdout], [], [], 10)
             self.assertTrue(ready, "serve said nothing")
             base = re.search(r"http://127\.0\.0\.1:\d+", process.stdout.readline()).group(0)
-            path = reservation(self.directory, self.source, base)
+            path = readable_reservation(self.directory, self.source, base)
             for connections, rounds in (("16", "0"), ("1", "2")):
                 result = upload([BINARY, "upload", "-r", path, "-c", connections,
                                  "--max-retries", "0", "--retry-rounds", rounds])

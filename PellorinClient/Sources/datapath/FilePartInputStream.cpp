@@ -19,12 +19,15 @@ namespace {
 // sharing one limiter do not all wake at the same instant.
 constexpr int64_t kMaxExhaustedPauseMicros = 4499;
 constexpr auto kRetryPause = std::chrono::milliseconds(1);
-// After a late buffer a part reads this many bytes by itself before it tries the lanes again,
-// so that a slow round thread does not cost it that wait on every read.
-constexpr uint64_t kLateRoundBackoff = 4 * PartReadAhead::kBufferSize;
+// Shorter parts hash by themselves: they are over in a read or two, and a wait for other parts'
+// chunks would cost them more time than the lanes save.
+constexpr uint64_t kSmallestLanePart = 1024 * 1024;
 
-bool usesLanes(const MessageDigest& hasher) {
-    return hasher.algorithm() == DigestAlgorithm::md5 && RoundHasher::enabled();
+// Rate-limited parts hash by themselves too: the limiter, not the CPU, sets their pace, and a
+// wait between taking permits and sending would put the bytes on the wire later than metered.
+bool usesLanes(const MessageDigest& hasher, uint64_t length, const RateLimiter* limiter) {
+    return hasher.algorithm() == DigestAlgorithm::md5 && length >= kSmallestLanePart &&
+           limiter == nullptr && LaneHasher::enabled();
 }
 
 // A seed for each stream's pause generator. Opening the system's random device for every stream
@@ -54,11 +57,11 @@ FilePartInputStream::FilePartInputStream(std::shared_ptr<SharedFile> file, uint6
       hasher_(std::move(hasher)),
       rateLimiter_(std::move(rateLimiter)),
       random_(streamSeed()),
-      roundHasher_(usesLanes(*hasher_) ? RoundHasher::shared() : nullptr),
-      readAhead_(roundHasher_ ? std::make_shared<PartReadAhead>(rcFile_, maxOffset_) : nullptr) {}
+      laneHasher_(usesLanes(*hasher_, length, rateLimiter_.get()) ? LaneHasher::shared()
+                                                                  : nullptr) {}
 
 FilePartInputStream::~FilePartInputStream() {
-    leaveRounds();
+    leaveLanes();
     if (holdsFileReference_) {
         rcFile_->close();
     }
@@ -97,6 +100,7 @@ void FilePartInputStream::setStatus(StreamStatus status) {
 }
 
 void FilePartInputStream::recordFailure(const SharedFileError& error) {
+    leaveLanes();  // a failed stream reads no more
     if (failed_.load(std::memory_order_relaxed)) {
         return;
     }
@@ -128,31 +132,19 @@ void FilePartInputStream::open() {
         fail(error);
         return;
     }
-    joinRounds();
     setStatus(StreamStatus::open);
 }
 
-void FilePartInputStream::joinRounds() {
-    if (roundHasher_ && !joinedRounds_) {
-        joinedRounds_ = roundHasher_->join(readAhead_);
+void FilePartInputStream::joinLanes() {
+    if (laneHasher_) {
+        laneHasher_->join(laneMember_);
     }
 }
 
-void FilePartInputStream::leaveRounds() {
-    if (!joinedRounds_) {
-        return;
+void FilePartInputStream::leaveLanes() {
+    if (laneHasher_) {
+        laneHasher_->leave(laneMember_);
     }
-    roundHasher_->leave(readAhead_.get());
-    joinedRounds_ = false;
-    std::lock_guard lock(readAhead_->mutex);
-    if (inLanes_) {
-        // Keeps the digest of what was served, drops what was read ahead.
-        directMd5_ = readAhead_->servedDigestLocked();
-        readAhead_->laneMode = false;
-        inLanes_ = false;
-    }
-    readAhead_->restartLocked();
-    readAhead_->spare.reset();
 }
 
 bool FilePartInputStream::rewind() {
@@ -167,21 +159,14 @@ bool FilePartInputStream::rewind() {
     }
     hasher_ = newDigest(hasher_->algorithm());
     digest_.reset();
-    directMd5_.reset();
-    if (readAhead_) {
-        std::lock_guard lock(readAhead_->mutex);
-        readAhead_->restartLocked();
-        readAhead_->md5.reset();
-        readAhead_->nextOffset = offset_;
-    }
+    md5_.reset();
     currentOffset_.store(offset_, std::memory_order_relaxed);
-    lanesFrom_ = 0;
     status_.store(StreamStatus::open);
     return true;
 }
 
 void FilePartInputStream::close() {
-    leaveRounds();
+    leaveLanes();
     if (holdsFileReference_) {
         rcFile_->close();
         holdsFileReference_ = false;
@@ -257,24 +242,21 @@ int64_t FilePartInputStream::read(uint8_t* buffer, int64_t maxLength) {
 
 int64_t FilePartInputStream::serve(uint8_t* buffer, int64_t count) {
     const uint64_t at = currentOffset_.load(std::memory_order_relaxed);
-    int64_t served;
-    if (readAhead_ && count > 0) {
-        served = serveMd5(buffer, count, at);
-    } else {
-        served = rcFile_->read(buffer, at, count);
-        if (served == 0 && count > 0) {
-            // The file ends before the range does: it was cut short since it was opened.
-            rcFile_->checkUnchanged();
-            throw SharedFileError{.kind = SharedFileError::Kind::ReadPastEnd,
-                                  .offset = at,
-                                  .length = count,
-                                  .fileSize = rcFile_->fileSize()};
-        }
-        hasher_->update({buffer, static_cast<size_t>(served)});
+    const int64_t served = rcFile_->read(buffer, at, count);
+    if (served == 0 && count > 0) {
+        // The file ends before the range does: it was cut short since it was opened.
+        rcFile_->checkUnchanged();
+        throw SharedFileError{.kind = SharedFileError::Kind::ReadPastEnd,
+                              .offset = at,
+                              .length = count,
+                              .fileSize = rcFile_->fileSize()};
     }
+    hash({buffer, static_cast<size_t>(served)});
     if (served > 0) {
         advance(served);
         if (currentOffset_.load(std::memory_order_relaxed) >= maxOffset_) {
+            // No more chunks from this part: the others' rounds must not wait for it.
+            leaveLanes();
             // Every byte served came from the file first opened only if it is still that file
             // now that the last one has been read.
             rcFile_->checkUnchanged();
@@ -283,89 +265,16 @@ int64_t FilePartInputStream::serve(uint8_t* buffer, int64_t count) {
     return served;
 }
 
-int64_t FilePartInputStream::serveMd5(uint8_t* buffer, int64_t count, uint64_t at) {
-    if (!inLanes_ && joinedRounds_ && at >= lanesFrom_ && roundHasher_->parts() >= 2) {
-        enterLanes(at);
+void FilePartInputStream::hash(std::span<const uint8_t> bytes) {
+    if (!laneHasher_) {
+        hasher_->update(bytes);
+        return;
     }
-    if (inLanes_) {
-        if (const std::optional<int64_t> served = serveFromLanes(buffer, count)) {
-            return *served;
-        }
-    }
-    const int64_t got = rcFile_->read(buffer, at, count);
-    if (got == 0) {
-        rcFile_->checkUnchanged();
-        throw SharedFileError{.kind = SharedFileError::Kind::ReadPastEnd,
-                              .offset = at,
-                              .length = count,
-                              .fileSize = rcFile_->fileSize()};
-    }
-    directMd5_.update({buffer, static_cast<size_t>(got)});
-    return got;
-}
-
-void FilePartInputStream::enterLanes(uint64_t at) {
-    {
-        std::lock_guard lock(readAhead_->mutex);
-        readAhead_->restartLocked();
-        readAhead_->laneMode = true;
-        readAhead_->nextOffset = at;
-        readAhead_->md5 = directMd5_;
-    }
-    inLanes_ = true;
-    roundHasher_->poke();
-}
-
-std::optional<int64_t> FilePartInputStream::serveFromLanes(uint8_t* buffer, int64_t count) {
-    PartReadAhead& part = *readAhead_;
-    const auto deadline = std::chrono::steady_clock::now() + RoundHasher::bufferWait();
-    std::unique_lock lock(part.mutex);
-    for (;;) {
-        if (!part.ready.empty()) {
-            ReadAheadBuffer& front = part.ready.front();
-            const size_t take = std::min(static_cast<size_t>(count), front.size - front.served);
-            std::memcpy(buffer, front.data.get() + front.served, take);
-            front.served += take;
-            const bool drained = front.served == front.size;
-            if (drained) {
-                if (!part.spare) {
-                    part.spare = std::move(front.data);
-                }
-                part.ready.pop_front();
-            }
-            lock.unlock();
-            if (drained) {
-                roundHasher_->poke();  // a buffer is free: the part can join the next round
-            }
-            return static_cast<int64_t>(take);
-        }
-        if (part.error) {
-            // Nothing is buffered, so the failed read-ahead is this very read.
-            const SharedFileError error = *part.error;
-            lock.unlock();
-            throw error;
-        }
-        const bool late = std::chrono::steady_clock::now() >= deadline;
-        if (late || roundHasher_->parts() < 2) {
-            // Alone now, or the round is late: read by itself from here on. Every published
-            // byte was served, so the lanes' digest is exactly that of the bytes served; a round
-            // still filling for this part is dropped (generation bumped).
-            directMd5_ = part.md5;
-            part.restartLocked();
-            part.laneMode = false;
-            inLanes_ = false;
-            if (late) {
-                lanesFrom_ = currentOffset_.load(std::memory_order_relaxed) + kLateRoundBackoff;
-            }
-            return std::nullopt;
-        }
-        part.waiting = true;
-        lock.unlock();
-        roundHasher_->poke();
-        lock.lock();
-        part.published.wait_until(lock, deadline,
-                                  [&] { return !part.ready.empty() || part.error.has_value(); });
-        part.waiting = false;
+    if (!bytes.empty()) {
+        // Joined from the first read on (not at open: until its connection is up a part reads
+        // nothing, and the others would wait for it).
+        joinLanes();
+        laneHasher_->hash(laneMember_, md5_, bytes);
     }
 }
 
@@ -378,21 +287,13 @@ std::optional<std::vector<uint8_t>> FilePartInputStream::read(int64_t length) {
     }
     const int64_t count = countToRead(takePermits(length));
     try {
-        if (readAhead_) {
-            std::vector<uint8_t> bytes(static_cast<size_t>(count));
-            const int64_t served = serve(bytes.data(), count);
-            if (served == 0) {
-                return std::nullopt;
-            }
-            bytes.resize(static_cast<size_t>(served));
-            return bytes;
-        }
         std::optional<std::vector<uint8_t>> bytes =
             rcFile_->read(currentOffset_.load(std::memory_order_relaxed), count);
         if (bytes) {
-            hasher_->update(*bytes);
+            hash(*bytes);
             advance(static_cast<int64_t>(bytes->size()));
             if (currentOffset_.load(std::memory_order_relaxed) >= maxOffset_) {
+                leaveLanes();
                 rcFile_->checkUnchanged();
             }
         }
@@ -426,13 +327,8 @@ void FilePartInputStream::remove(const std::shared_ptr<SerialQueue>& /*queue*/,
 }
 
 const std::vector<uint8_t>& FilePartInputStream::digestData() {
-    if (!digest_ && readAhead_) {
-        Md5Stream served = directMd5_;
-        if (inLanes_) {
-            std::lock_guard lock(readAhead_->mutex);
-            served = readAhead_->servedDigestLocked();
-        }
-        const std::array<uint8_t, 16> digest = served.digest();
+    if (!digest_ && laneHasher_) {
+        const std::array<uint8_t, 16> digest = md5_.digest();
         digest_.emplace(digest.begin(), digest.end());
     }
     if (!digest_) {

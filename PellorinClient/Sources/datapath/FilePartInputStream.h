@@ -11,12 +11,11 @@
 // rewind() check that the shared file is still the version first opened (SharedFile::
 // checkUnchanged). A change fails the stream, for good; sourceChanged() then tells the client
 // that retrying the part cannot help, and verifyRemoteChecksum() never reports a match.
-// MD5 parts may hash in lanes (RoundHasher.h) when RoundHasher::enabled() at construction: the
-// stream then registers its PartReadAhead with the process's round hasher while it is open.
-// Whenever at least one other part is registered, a read serves the transfer from buffers the
-// round thread read ahead and hashed; alone (or when its buffer is late) it preads straight
-// into the caller's buffer and hashes there with OpenSSL, as other algorithms always do. The
-// digest is of exactly the bytes served either way.
+// MD5 parts of a megabyte or more without a rate limiter hash with the other parts in flight when
+// LaneHasher::enabled() at construction: from its first read to its last byte the stream is joined
+// to the process's lane hasher, which hashes each chunk it reads together with the chunks the other
+// parts read meanwhile (LaneHasher.h), in the caller's buffer, before read() returns it. Alone, it
+// hashes by itself. The digest is of exactly the bytes served either way.
 //
 // Threads: open/read/close run on the HTTP task's transfer thread, one reader at a time, and a
 // read may sleep there. Events go only to the SerialQueue the stream is scheduled on, as async
@@ -32,15 +31,16 @@
 #include <mutex>
 #include <optional>
 #include <random>
+#include <span>
 #include <string>
 #include <vector>
 
 #include "Platform/InputStream.h"
 #include "Platform/Semaphore.h"
+#include "datapath/LaneHasher.h"
 #include "datapath/Md5Lanes.h"
 #include "datapath/MessageDigest.h"
 #include "datapath/RateLimiter.h"
-#include "datapath/RoundHasher.h"
 #include "datapath/SharedFile.h"
 
 namespace pellorin {
@@ -141,18 +141,14 @@ class FilePartInputStream : public InputStream {
     // The bytes to read next: the grant, cut at the end of the range.
     int64_t countToRead(int64_t granted) const;
     void advance(int64_t count);
-    // Serves up to `count` bytes at the current offset (read-ahead buffers or the file),
-    // hashes and advances past them, and checks the file at the range's end. Throws
-    // SharedFileError; returns 0 only for a count of 0.
+    // Serves up to `count` bytes at the current offset from the file, hashes and advances past
+    // them, and checks the file at the range's end. Throws SharedFileError; returns 0 only for
+    // a count of 0.
     int64_t serve(uint8_t* buffer, int64_t count);
-    // The MD5 part's half of serve(): from the lanes when they apply, else from the file.
-    int64_t serveMd5(uint8_t* buffer, int64_t count, uint64_t at);
-    // Copies from the front read-ahead buffer, waiting a bounded time for one; no value when
-    // the part left lane mode instead (nothing buffered, and alone or the buffer late).
-    std::optional<int64_t> serveFromLanes(uint8_t* buffer, int64_t count);
-    void enterLanes(uint64_t at);
-    void joinRounds();
-    void leaveRounds();
+    void hash(std::span<const uint8_t> bytes);
+    // Joined to laneHasher_ while the part has bytes left to read (reading thread only).
+    void joinLanes();
+    void leaveLanes();
     // Keeps the first failure (a read error that comes with a changed file is kept as the
     // change) and publishes it through failed_. Reading thread only.
     void recordFailure(const SharedFileError& error);
@@ -174,13 +170,10 @@ class FilePartInputStream : public InputStream {
     Semaphore waitSemaphore_{0};  // never signalled: timed waits are the sleeps
     std::minstd_rand random_;
     std::optional<std::vector<uint8_t>> digest_;
-    // MD5 parts that may use lanes; null otherwise (hasher_ then hashes).
-    const std::shared_ptr<RoundHasher> roundHasher_;
-    const std::shared_ptr<PartReadAhead> readAhead_;
-    bool joinedRounds_ = false;  // readAhead_ is registered with roundHasher_
-    bool inLanes_ = false;       // mirrors readAhead_->laneMode; reading thread only
-    uint64_t lanesFrom_ = 0;     // no lanes before this offset (after a late buffer)
-    Md5Stream directMd5_;        // the digest off the lanes; reading thread only
+    // MD5 parts that hash with the others; null otherwise (hasher_ then hashes).
+    const std::shared_ptr<LaneHasher> laneHasher_;
+    LaneHasher::Member laneMember_;
+    Md5Stream md5_;  // the digest when laneHasher_ is set; reading thread only
     bool holdsFileReference_ = false;
     // Written once by the reading thread before failed_ is set; read by others after failed_.
     std::optional<SharedFileError> error_;

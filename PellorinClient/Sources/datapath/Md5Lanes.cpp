@@ -21,8 +21,10 @@ constexpr size_t kWidest = 16;
 // streams it interleaves (index 1-4); a SIMD kernel costs the same however many of its lanes
 // are busy (its full-width figure is used; runs with idle lanes are a little cheaper).
 constexpr double kScalarRunCost[5] = {0.0, 1.15, 1.16, 1.43, 1.63};
-constexpr double kAvx2RunCost = 1.66;    // 8 lanes: 4.8 x OpenSSL's rate when full
-constexpr double kAvx512RunCost = 2.02;  // 16 lanes: 7.9 x OpenSSL's rate when full
+constexpr double kAvx2RunCost = 1.66;      // 8 lanes: 4.8 x OpenSSL's rate when full
+constexpr double kAvx512x4RunCost = 1.33;  // 4 lanes: 3.0 x OpenSSL's rate when full
+constexpr double kAvx512x8RunCost = 1.35;  // 8 lanes: 5.9 x OpenSSL's rate when full
+constexpr double kAvx512RunCost = 2.02;    // 16 lanes: 7.9 x OpenSSL's rate when full
 // Beyond this many streams the choice is the same as for this many.
 constexpr size_t kPlannedStreams = 64;
 
@@ -35,7 +37,9 @@ bool available(Md5Lanes::Kernel kernel) {
             return true;
         case Md5Lanes::Kernel::avx2:
             return avx2;
-        case Md5Lanes::Kernel::avx512:
+        case Md5Lanes::Kernel::avx512x4:
+        case Md5Lanes::Kernel::avx512x8:
+        case Md5Lanes::Kernel::avx512x16:
             return avx512;
     }
     return false;
@@ -52,7 +56,11 @@ void runKernel(Md5Lanes::Kernel kernel, Lane* lanes, size_t count, size_t blocks
             return md5detail::md5BlocksScalar(lanes, count, blocks);
         case Md5Lanes::Kernel::avx2:
             return md5detail::md5BlocksAvx2(lanes, count, blocks);
-        case Md5Lanes::Kernel::avx512:
+        case Md5Lanes::Kernel::avx512x4:
+            return md5detail::md5BlocksAvx512x4(lanes, count, blocks);
+        case Md5Lanes::Kernel::avx512x8:
+            return md5detail::md5BlocksAvx512x8(lanes, count, blocks);
+        case Md5Lanes::Kernel::avx512x16:
             return md5detail::md5BlocksAvx512(lanes, count, blocks);
     }
 }
@@ -129,7 +137,11 @@ int Md5Lanes::width(Kernel kernel) {
             return 4;
         case Kernel::avx2:
             return 8;
-        case Kernel::avx512:
+        case Kernel::avx512x4:
+            return 4;
+        case Kernel::avx512x8:
+            return 8;
+        case Kernel::avx512x16:
             return 16;
     }
     return 1;
@@ -143,8 +155,12 @@ std::string_view Md5Lanes::name(Kernel kernel) {
             return "scalar";
         case Kernel::avx2:
             return "avx2";
-        case Kernel::avx512:
-            return "avx512";
+        case Kernel::avx512x4:
+            return "avx512x4";
+        case Kernel::avx512x8:
+            return "avx512x8";
+        case Kernel::avx512x16:
+            return "avx512x16";
     }
     return "unknown";
 }
@@ -187,7 +203,9 @@ Md5Lanes::Kernel Md5Lanes::kernelFor(size_t streams) {
             };
             consider(Kernel::scalar, 4, kScalarRunCost[std::min<size_t>(k, 4)]);
             consider(Kernel::avx2, 8, kAvx2RunCost);
-            consider(Kernel::avx512, 16, kAvx512RunCost);
+            consider(Kernel::avx512x4, 4, kAvx512x4RunCost);
+            consider(Kernel::avx512x8, 8, kAvx512x8RunCost);
+            consider(Kernel::avx512x16, 16, kAvx512RunCost);
         }
         return p;
     }();

@@ -50,10 +50,11 @@ class Md5Stream {
 class Md5Lanes {
   public:
     // The kernels, by how many streams they hash at once: one stream through OpenSSL; 1-4
-    // interleaved in ordinary registers; 8 in AVX2 lanes; 16 in AVX-512 lanes.
-    enum class Kernel { openssl, scalar, avx2, avx512 };
-    static constexpr std::array allKernels{Kernel::openssl, Kernel::scalar, Kernel::avx2,
-                                           Kernel::avx512};
+    // interleaved in ordinary registers; 8 in AVX2 lanes; 4, 8 or 16 in AVX-512 lanes of
+    // 128-, 256- or 512-bit registers.
+    enum class Kernel { openssl, scalar, avx2, avx512x4, avx512x8, avx512x16 };
+    static constexpr std::array allKernels{Kernel::openssl,  Kernel::scalar,   Kernel::avx2,
+                                           Kernel::avx512x4, Kernel::avx512x8, Kernel::avx512x16};
     static int width(Kernel kernel);
     static std::string_view name(Kernel kernel);
     // The kernels this build and this CPU can run (openssl and scalar always).

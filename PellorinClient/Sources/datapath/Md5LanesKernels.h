@@ -81,5 +81,8 @@ bool md5CpuHasAvx512();
 void md5BlocksAvx2(Lane* lanes, size_t count, size_t blocks);
 // 1-16 streams in the 32-bit lanes of 512-bit registers.
 void md5BlocksAvx512(Lane* lanes, size_t count, size_t blocks);
+// 1-8 and 1-4 streams with the same instructions in 256-bit and 128-bit registers.
+void md5BlocksAvx512x8(Lane* lanes, size_t count, size_t blocks);
+void md5BlocksAvx512x4(Lane* lanes, size_t count, size_t blocks);
 
 }  // namespace pellorin::md5detail

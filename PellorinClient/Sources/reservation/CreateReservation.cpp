@@ -161,10 +161,9 @@ bool handleReservationAnswer(const std::optional<std::vector<uint8_t>>& body,
         }
         writeFile(reservationFile, encodeOperationPairs(pairs));
     } catch (const std::exception& error) {
-        if (!isValidUtf8(text)) {
-            fatalError("the reservation service's answer is not UTF-8 text");
-        }
-        printLines({error.what(), text});
+        // The answer is a server's: bytes that are not UTF-8 are shown as U+FFFD rather than
+        // ending the process.
+        printLines({error.what(), withInvalidUtf8Replaced(text)});
     }
     return true;
 }
