@@ -4,7 +4,8 @@
 // callbacks queued for it. resume() starts the transfer on a transfer thread of its own for as
 // long as it runs (see TransferThreads.h): it asks for the body stream, opens it, runs the
 // exchange, closes the stream and reports the outcome; every report is an async block on the
-// session's delegate queue. Public member functions may be called from any thread. The transfer
+// session's delegate queue. The body stream is asked for when the thread is had, before the
+// thread runs. Public member functions may be called from any thread. The transfer
 // thread holds the task until the transfer has ended.
 #pragma once
 
@@ -60,7 +61,11 @@ class UploadTask final : public pellorin::UploadTask,
 
   private:
     void run(const std::shared_ptr<HttpSession>& session, const CurlHandles& handles);
-    std::shared_ptr<InputStream> awaitBodyStream(HttpSession& session);
+    // Asks the delegate for the body stream (an async block on the delegate queue). resume(),
+    // once the transfer thread is had.
+    void requestBodyStream(HttpSession& session);
+    // Waits on the transfer thread for the delegate's answer; null when cancelled first.
+    std::shared_ptr<InputStream> awaitBodyStream();
     void deliverBodyStream(std::shared_ptr<InputStream> stream);
     struct Outcome;
     Outcome transfer(HttpSession& session, const CurlHandles& handles,

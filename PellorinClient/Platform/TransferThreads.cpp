@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <condition_variable>
+#include <deque>
 #include <memory>
 #include <mutex>
 #include <system_error>
@@ -50,13 +51,21 @@ using Job = std::function<void(const CurlHandles&)>;
 struct Worker {
     std::condition_variable wake;  // a job was handed over, or the process is exiting
     Job job;                       // guarded by Pool::mutex
+    bool finishing = false;        // guarded by Pool::mutex; its job called jobIsFinishing
 };
 
 struct Pool {
     std::mutex mutex;
     std::vector<std::shared_ptr<Worker>> idle;  // guarded by mutex; the last went idle last
-    bool exiting = false;                       // guarded by mutex
+    // Jobs kept for the finishing threads, never more than there are of them, so each is
+    // taken within moments.
+    std::deque<Job> kept;  // guarded by mutex
+    size_t finishing = 0;  // guarded by mutex; workers whose job is finishing
+    bool exiting = false;  // guarded by mutex
 };
+
+// The worker the calling thread serves, if it is a transfer thread.
+thread_local Worker* currentWorker = nullptr;
 
 Pool& pool();
 
@@ -86,6 +95,7 @@ void removeIdle(Pool& p, const std::shared_ptr<Worker>& worker) {
 // Runs on the worker's thread: its first job, then whatever it is handed while idle.
 void serve(const std::shared_ptr<Worker>& worker) {
     Pool& p = pool();
+    currentWorker = worker.get();
     {
         OwnedHandles handles;
         std::unique_lock lock(p.mutex);
@@ -96,6 +106,16 @@ void serve(const std::shared_ptr<Worker>& worker) {
             job(handles.get());
             job = nullptr;  // lets go of the task and session it held before going idle
             lock.lock();
+            if (worker->finishing) {
+                worker->finishing = false;
+                --p.finishing;
+            }
+            // A job kept for a finishing thread runs now, at exit too: it was promised a thread.
+            if (!p.kept.empty()) {
+                worker->job = std::move(p.kept.front());
+                p.kept.pop_front();
+                continue;
+            }
             if (p.exiting) {
                 break;
             }
@@ -109,22 +129,46 @@ void serve(const std::shared_ptr<Worker>& worker) {
             // Whoever handed the job over has taken this worker off the idle list.
         }
     }
+    currentWorker = nullptr;
     workerThreads::workerThreadFinishing();
 }
 
 }  // namespace
 
+void jobIsFinishing() {
+    Worker* const worker = currentWorker;
+    if (worker == nullptr) {
+        return;
+    }
+    Pool& p = pool();
+    std::lock_guard lock(p.mutex);
+    if (!worker->finishing) {
+        worker->finishing = true;
+        ++p.finishing;
+    }
+}
+
 bool run(Job job) {
     Pool& p = pool();
+    std::shared_ptr<Worker> idle;
     {
         std::lock_guard lock(p.mutex);
-        if (!p.exiting && !p.idle.empty()) {
-            std::shared_ptr<Worker> worker = std::move(p.idle.back());
-            p.idle.pop_back();
-            worker->job = std::move(job);
-            worker->wake.notify_one();
+        // A finishing thread first: it takes the job without being woken, and it most likely
+        // holds a connection to the same server.
+        if (p.kept.size() < p.finishing) {
+            p.kept.push_back(std::move(job));
             return true;
         }
+        if (!p.exiting && !p.idle.empty()) {
+            idle = std::move(p.idle.back());
+            p.idle.pop_back();
+            idle->job = std::move(job);
+        }
+    }
+    if (idle) {
+        // Outside the lock, which the woken thread needs at once.
+        idle->wake.notify_one();
+        return true;
     }
     auto worker = std::make_shared<Worker>();
     worker->job = std::move(job);

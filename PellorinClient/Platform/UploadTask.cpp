@@ -1,5 +1,6 @@
 #include "Platform/CurlUploadTask.h"
 
+#include <atomic>
 #include <cerrno>
 
 #include "Platform/CurlSession.h"
@@ -36,12 +37,16 @@ class BodyStreamAnswer {
     explicit BodyStreamAnswer(std::function<void(std::shared_ptr<InputStream>)> deliver)
         : deliver_(std::move(deliver)) {}
     ~BodyStreamAnswer() { answer(nullptr); }
+    // The first answer is delivered, later ones are dropped. (An atomic flag rather than
+    // std::call_once, which makes a futex call every time it runs.)
     void answer(std::shared_ptr<InputStream> stream) {
-        std::call_once(once_, [&] { deliver_(std::move(stream)); });
+        if (!answered_.exchange(true, std::memory_order_acq_rel)) {
+            deliver_(std::move(stream));
+        }
     }
 
   private:
-    std::once_flag once_;
+    std::atomic<bool> answered_{false};
     std::function<void(std::shared_ptr<InputStream>)> deliver_;
 };
 
@@ -75,14 +80,20 @@ void UploadTask::resume() {
             return;  // the session is gone: nobody would hear of the outcome
         }
         state_ = State::running;
-        if (transferThreads::run(
-                [self = shared_from_this(), session](const CurlHandles& handles) mutable {
-                    self->run(session, handles);
-                    session.reset();
-                    self.reset();
-                })) {
-            return;
+    }
+    // Outside the lock, which the transfer thread wants as soon as it runs.
+    if (transferThreads::run(
+            [self = shared_from_this(), session](const CurlHandles& handles) mutable {
+                self->run(session, handles);
+                session.reset();
+                self.reset();
+            })) {
+        // Asked for now rather than by the transfer thread once it runs: the delegate answers
+        // while the thread wakes, and the thread seldom has to wait for it.
+        if (isStreamed()) {
+            requestBodyStream(*session);
         }
+        return;
     }
     // The system refused a thread: the task ends with an error its owner may retry.
     PlatformError error{
@@ -139,7 +150,7 @@ void UploadTask::run(const std::shared_ptr<HttpSession>& session, const CurlHand
     std::shared_ptr<InputStream> stream;
     std::optional<int64_t> bodyLength;
     if (isStreamed()) {
-        stream = awaitBodyStream(*session);
+        stream = awaitBodyStream();
         bodyLength = requestBodyLength(request_);
     } else {
         bodyLength = static_cast<int64_t>(body_.size());
@@ -164,11 +175,13 @@ void UploadTask::run(const std::shared_ptr<HttpSession>& session, const CurlHand
         }
         stream->close();
     }
+    // From here on the thread only reports and lets go: the next part may be kept for it.
+    transferThreads::jobIsFinishing();
     complete(*session, std::move(outcome.metrics), std::move(outcome.error),
              std::move(outcome.data));
 }
 
-std::shared_ptr<InputStream> UploadTask::awaitBodyStream(HttpSession& session) {
+void UploadTask::requestBodyStream(HttpSession& session) {
     std::weak_ptr<UploadTask> weakSelf = weak_from_this();
     auto answer = std::make_shared<BodyStreamAnswer>([weakSelf](std::shared_ptr<InputStream> s) {
         if (std::shared_ptr<UploadTask> self = weakSelf.lock()) {
@@ -183,6 +196,9 @@ std::shared_ptr<InputStream> UploadTask::awaitBodyStream(HttpSession& session) {
         answer.reset();  // from now on only the handler's copies keep the answer open
         delegate.urlSessionTaskNeedNewBodyStream(s, task, std::move(handler));
     });
+}
+
+std::shared_ptr<InputStream> UploadTask::awaitBodyStream() {
     std::unique_lock lock(mutex_);
     wake_.wait(lock, [&] { return bodyStreamAnswered_ || cancelRequested_; });
     if (cancelRequested_) {
@@ -256,16 +272,14 @@ void UploadTask::complete(HttpSession& session, TaskMetrics metrics,
             handler(std::move(data), std::move(response), std::move(error));
         });
     } else {
+        // One block for both reports: they always come together, in this order.
         session.notifyDelegate(
-            shared_from_this(), [metrics = std::move(metrics)](HttpSessionDelegate& delegate,
-                                                               HttpSession& s, UploadTask& task) {
+            shared_from_this(),
+            [metrics = std::move(metrics), error = std::move(error)](
+                HttpSessionDelegate& delegate, HttpSession& s, UploadTask& task) {
                 delegate.urlSessionTaskDidFinishCollectingMetrics(s, task, metrics);
+                delegate.urlSessionTaskDidCompleteWithError(s, task, error);
             });
-        session.notifyDelegate(shared_from_this(),
-                               [error = std::move(error)](HttpSessionDelegate& delegate,
-                                                          HttpSession& s, UploadTask& task) {
-                                   delegate.urlSessionTaskDidCompleteWithError(s, task, error);
-                               });
     }
     session.taskDidComplete(taskIdentifier_);
 }

@@ -6,7 +6,10 @@
 #include <pellorin/PellorinClient.h>
 
 #include <fstream>
+#include <map>
+#include <mutex>
 #include <sstream>
+#include <thread>
 
 #include "pellorin/EventLog.h"
 #include "pellorin/FailureVerdict.h"
@@ -107,7 +110,9 @@ TEST(HostUnitsTest, ObserverCountsEachPartOnceAndJournalsIt) {
     ProgressCounters counters(300, 3);
     auto journal = Journal::open(dir.path() / "journal");
     auto line = std::make_shared<StatusLine>(stderr, false);
-    TransferObserver observer(parts, counters, line, journal.get());
+    JournalWriter writer(
+        *journal, [&](const PlannedPart&) { ++counters.partsDone; }, [](const auto&) {});
+    TransferObserver observer(parts, counters, line, &writer);
     auto client = PellorinClient::standardClient(std::nullopt, 1, 0);
 
     auto progress = [&](uint64_t part, int64_t bytes) {
@@ -128,6 +133,7 @@ TEST(HostUnitsTest, ObserverCountsEachPartOnceAndJournalsIt) {
     observer.pellorinClientPartDidComplete(*client,
                                            std::make_shared<PartCompleteMessage>("/d/f", 1, "e1"));
     EXPECT_EQ(counters.doneBytes, 130u);
+    writer.flush();  // done once on disk
     EXPECT_EQ(counters.partsDone, 1u);
     observer.pellorinClientPartDidFail(
         *client,
@@ -172,6 +178,57 @@ TEST(JournalTest, OnlyTheSamePartToTheSamePlaceFromTheSameFileCountsAsDone) {
     changed = parts[0];
     changed.key.length = 9;  // same number, other range
     EXPECT_EQ(journal->check(changed), Journal::Verdict::absent);
+}
+
+// Parts handed over from several threads at once are each recorded once, and a part is reported
+// durable only when its line is already in the file (flushed in groups, never reported early).
+TEST(JournalTest, WriterReportsEachPartDurableOnlyOnceItsLineIsWritten) {
+    testing::TempDir dir;
+    const auto path = dir.path() / "journal";
+    auto url = [](uint64_t offset) {
+        return *Url::parse("http://h/x?o=" + std::to_string(offset));
+    };
+    const auto parts = planFileParts("/a", SourceIdentity{1, 2, 240, 3}, 1, url);
+    std::mutex mutex;
+    std::map<uint64_t, int> durable;
+    std::vector<uint64_t> early;  // reported before their line was in the file
+    {
+        auto journal = Journal::open(path);
+        JournalWriter writer(
+            *journal,
+            [&](const PlannedPart& part) {
+                const std::string needle =
+                    "\"partNumber\":" + std::to_string(part.key.partNumber) + ",";
+                const bool written = contentsOf(path).find(needle) != std::string::npos;
+                std::lock_guard lock(mutex);
+                ++durable[part.key.partNumber];
+                if (!written)
+                    early.push_back(part.key.partNumber);
+            },
+            [](const std::system_error& error) { ADD_FAILURE() << error.what(); });
+        std::vector<std::thread> threads;
+        for (size_t t = 0; t < 4; ++t) {
+            threads.emplace_back([&, t] {
+                for (size_t i = t; i < parts.size(); i += 4) {
+                    writer.submit(parts[i], "e" + std::to_string(i));
+                    if (i % 50 == 0)
+                        writer.flush();
+                }
+            });
+        }
+        for (auto& thread : threads)
+            thread.join();
+        writer.flush();
+        std::lock_guard lock(mutex);
+        EXPECT_EQ(durable.size(), parts.size());
+    }
+    EXPECT_TRUE(early.empty()) << early.size() << " reported early, the first " << early.front();
+    for (const auto& [number, count] : durable)
+        EXPECT_EQ(count, 1) << "part " << number;
+    auto reopened = Journal::open(path);
+    EXPECT_EQ(reopened->size(), parts.size());
+    for (const auto& part : parts)
+        EXPECT_EQ(reopened->check(part), Journal::Verdict::done) << part.key.partNumber;
 }
 
 TEST(HostOutputTest, UrlsLoseTheirSecretsAndServerTextItsControlCharacters) {

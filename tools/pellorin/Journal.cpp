@@ -149,6 +149,11 @@ Journal::Verdict Journal::check(const PlannedPart& part) const {
 }
 
 void Journal::record(const PlannedPart& part, const std::string& eTag) {
+    append(part, eTag);
+    sync();
+}
+
+void Journal::append(const PlannedPart& part, const std::string& eTag) {
     const PartKey& key = part.key;
     // The URL is kept for people to read, without its secrets; the match is on the hash.
     const nlohmann::json entry = {{"path", key.path},
@@ -176,11 +181,14 @@ void Journal::record(const PlannedPart& part, const std::string& eTag) {
         }
         written += static_cast<size_t>(n);
     }
+    recorded_[key].push_back({sha256Hex(part.destination), part.source});
+    ++entries_;
+}
+
+void Journal::sync() {
     if (::fdatasync(fd_) != 0) {
         throw std::system_error(errno, std::generic_category(), "cannot flush journal");
     }
-    recorded_[key].push_back({sha256Hex(part.destination), part.source});
-    ++entries_;
 }
 
 }  // namespace pellorin::host

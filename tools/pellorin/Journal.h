@@ -6,13 +6,13 @@
 // the SHA-256 of the whole destination, which is what is compared), the source's identity when it
 // was read ("device", "inode", "size", "mtimeNs") and the server's "eTag". A part counts as done
 // only when place, destination and source identity all match the part planned now. Each line is
-// appended with one write() and flushed to disk (fdatasync) before the next part is reported
-// complete. A last line without its newline was torn by a crash: it is ignored and cut off when
-// the journal is opened. The journal holds an exclusive lock on the file while it is open, so two
-// runs cannot share one.
+// appended with one write() and flushed to disk (fdatasync) before its part counts as done; lines
+// appended together are flushed together (JournalWriter.h). A last line without its newline was
+// torn by a crash: it is ignored and cut off when the journal is opened. The journal holds an
+// exclusive lock on the file while it is open, so two runs cannot share one.
 //
-// Threads: open and check on the host thread before the transfer; record on the client's
-// delegate queue, one call at a time.
+// Threads: open and check on the host thread before the transfer; append, sync and record on one
+// thread at a time (the JournalWriter's during a transfer).
 #pragma once
 
 #include <filesystem>
@@ -57,6 +57,10 @@ class Journal {
     // Appends the part and flushes it to disk. Throws std::system_error when either fails; the
     // journal is then unchanged as far as later runs are concerned, or ends in a torn line.
     void record(const PlannedPart& part, const std::string& eTag);
+    // The halves of record(): append writes the part's line, which may not be on disk before the
+    // next sync returns; sync flushes every line appended so far. Throw as record() does.
+    void append(const PlannedPart& part, const std::string& eTag);
+    void sync();
 
   private:
     struct Recorded {

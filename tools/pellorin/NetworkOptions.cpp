@@ -4,6 +4,7 @@
 #include <cstdlib>
 #include <filesystem>
 #include <set>
+#include <utility>
 
 #include "HostError.h"
 #include "Redaction.h"
@@ -123,9 +124,14 @@ SessionConfiguration resolveSessionConfiguration(const NetworkOptions& options,
         !std::filesystem::is_directory(*configuration.caDirectory, error)) {
         throw InputError("CA directory " + *configuration.caDirectory + " is not a directory");
     }
+    // The proxy depends on the scheme and the host alone: each pair is looked up once, however
+    // many parts go there.
     std::set<std::optional<std::string>> proxies;
+    std::set<std::pair<std::string, std::string>> places;
     for (const auto& url : urls) {
-        proxies.insert(proxyFor(url, options, environment));
+        if (places.emplace(url.scheme(), url.host()).second) {
+            proxies.insert(proxyFor(url, options, environment));
+        }
     }
     if (proxies.size() > 1) {
         throw InputError(

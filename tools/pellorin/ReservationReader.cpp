@@ -95,18 +95,24 @@ class PairChecker {
                 }
             }
         }
-        // A relative path is taken against the reservation file's folder.
-        const std::string path = absolutePath((base_ / pair.filePath).string());
-        auto [file, inserted] = files_.try_emplace(path);
-        if (inserted) {
-            file->second = checkReadableFile(path);
+        // A relative path is taken against the reservation file's folder. Each file is looked
+        // at once, however many parts name it.
+        auto [named, firstNamed] = files_.try_emplace(pair.filePath);
+        SourceFile& file = named->second;
+        if (firstNamed) {
+            file.path = absolutePath((base_ / pair.filePath).string());
+            file.check = checkReadableFile(file.path);
+            if (file.check.size) {
+                file.identity = identifySource(file.path);
+            }
         }
-        if (!file->second.size) {
-            fail(at + ".filePath", file->second.problem);
+        const std::string& path = file.path;
+        if (!file.check.size) {
+            fail(at + ".filePath", file.check.problem);
         }
         const auto offset = static_cast<uint64_t>(operation.offset);
         const auto length = static_cast<uint64_t>(operation.length);
-        const uint64_t size = *file->second.size;
+        const uint64_t size = *file.check.size;
         if (offset > size || length > size - offset) {
             fail(op, "bytes " + std::to_string(offset) + " to " + std::to_string(offset + length) +
                          " lie past the end of " + path + " (" + std::to_string(size) + " bytes)");
@@ -117,15 +123,14 @@ class PairChecker {
             fail(op + ".partNumber", "part " + std::to_string(partNumber) + " of " + path +
                                          " is already at [" + std::to_string(first->second) + "]");
         }
-        auto identity = identifySource(path);
-        if (!identity) {
+        if (!file.identity) {
             fail(at + ".filePath", "cannot read " + path);
         }
         return PlannedPart{PartKey{path, partNumber, offset, length},
                            operation.uri,
                            operation.method,
                            operation.headers,
-                           *identity,
+                           *file.identity,
                            destinationOf(operation.method, operation.uri)};
     }
 
@@ -134,9 +139,17 @@ class PairChecker {
         throw InputError(name_ + ": " + place + ": " + problem);
     }
 
+    // A file as the parts name it, looked at when first named: its absolute path, whether it
+    // can be read, and its identity then (what a later change is told by).
+    struct SourceFile {
+        std::string path;
+        FileCheck check;
+        std::optional<SourceIdentity> identity;
+    };
+
     const std::string& name_;
     std::filesystem::path base_;
-    std::map<std::string, FileCheck> files_;                   // by absolute path
+    std::map<std::string, SourceFile> files_;                  // by the path as named
     std::map<std::pair<std::string, uint64_t>, size_t> seen_;  // (path, part) -> index
 };
 

@@ -20,7 +20,7 @@ std::string describeError(const ErrorMessage& error) {
 
 TransferObserver::TransferObserver(const std::vector<PlannedPart>& parts,
                                    ProgressCounters& counters, std::shared_ptr<StatusLine> line,
-                                   Journal* journal)
+                                   JournalWriter* journal)
     : counters_(counters), line_(std::move(line)), journal_(journal) {
     for (const auto& part : parts) {
         parts_.emplace(PartId{part.key.path, part.key.partNumber}, PartState{part, 0, {}});
@@ -81,20 +81,15 @@ void TransferObserver::pellorinClientWillRetryPart(
 void TransferObserver::pellorinClientPartDidComplete(
     PellorinClient&, const std::shared_ptr<const PartCompleteMessage>& message) {
     PartState* part = resetAttempt(message->path(), message->partNumber());
-    ++counters_.partsDone;
     if (part == nullptr) {
+        ++counters_.partsDone;
         return;
     }
     counters_.doneBytes += part->part.key.length;
-    if (journal_ != nullptr && !journalFailed_) {
-        try {
-            journal_->record(part->part, message->eTag());
-        } catch (const std::system_error& error) {
-            // The upload goes on; only the ability to resume it is lost.
-            journalFailed_ = true;
-            line_->print("pellorin: " + std::string(error.what()) + " " +
-                         journal_->path().string() + "; later parts are not recorded");
-        }
+    if (journal_ != nullptr) {
+        journal_->submit(part->part, message->eTag());  // done once it is on disk
+    } else {
+        ++counters_.partsDone;
     }
 }
 

@@ -1,5 +1,5 @@
 // TransferObserver: the host's own delegate for one round of a transfer. It keeps the progress
-// counters, appends every completed part to the journal, keeps every part that failed for good
+// counters, hands every completed part to the journal writer, keeps every part that failed for good
 // with its verdict (FailureVerdict.h) and the final metrics for the summary.
 //
 // Registered without a queue, so every method runs on the client's delegate queue, one at a time:
@@ -18,7 +18,7 @@
 #include <pellorin/PellorinClientDelegate.h>
 
 #include "FailureVerdict.h"
-#include "Journal.h"
+#include "JournalWriter.h"
 #include "PartPlan.h"
 #include "ProgressLine.h"
 #include "StatusLine.h"
@@ -27,9 +27,10 @@ namespace pellorin::host {
 
 class TransferObserver : public PellorinClientDelegate {
   public:
-    // `parts`: the parts submitted in this run. `journal` may be null.
+    // `parts`: the parts submitted in this run. `journal` may be null; with one, a completed part
+    // is handed to it and counted in partsDone by the writer's owner once it is on disk.
     TransferObserver(const std::vector<PlannedPart>& parts, ProgressCounters& counters,
-                     std::shared_ptr<StatusLine> line, Journal* journal);
+                     std::shared_ptr<StatusLine> line, JournalWriter* journal);
 
     // From now on, failures are expected (the user cancelled) and are not printed one by one.
     // Any thread.
@@ -80,9 +81,8 @@ class TransferObserver : public PellorinClientDelegate {
 
     ProgressCounters& counters_;
     std::shared_ptr<StatusLine> line_;
-    Journal* journal_;
+    JournalWriter* journal_;
     std::map<PartId, PartState> parts_;  // delegate queue only
-    bool journalFailed_ = false;         // delegate queue only
     std::vector<Failure> failures_;      // delegate queue, then the host thread after the wait
     std::atomic<bool> cancelled_{false};
     mutable std::mutex metricsMutex_;

@@ -4,12 +4,15 @@
 #include <cmath>
 #include <cstdio>
 #include <map>
+#include <optional>
 #include <regex>
 #include <set>
+#include <system_error>
 
 #include <pellorin/LoggingProgressReporter.h>
 
 #include "HostError.h"
+#include "JournalWriter.h"
 #include "ProgressLine.h"
 #include "TransferObserver.h"
 #include "Units.h"
@@ -196,6 +199,17 @@ int runTransfer(const std::vector<PlannedPart>& parts, const TransferSettings& s
     ProgressCounters counters(totalLength(parts), parts.size());
     counters.doneBytes = split.skippedBytes;
     counters.partsDone = split.skippedParts;
+    // A journaled part counts as done once it is on disk, never before.
+    std::optional<JournalWriter> journalWriter;
+    if (journal != nullptr) {
+        journalWriter.emplace(
+            *journal, [&counters](const PlannedPart&) { ++counters.partsDone; },
+            [&line, journal](const std::system_error& error) {
+                // The upload goes on; only the ability to resume it is lost.
+                line->print("pellorin: " + std::string(error.what()) + " " +
+                            journal->path().string() + "; later parts are not recorded");
+            });
+    }
     const auto started = std::chrono::steady_clock::now();
     Totals totals;
     std::vector<TransferObserver::Failure> finalFailures;
@@ -218,7 +232,8 @@ int runTransfer(const std::vector<PlannedPart>& parts, const TransferSettings& s
                                                          static_cast<uint8_t>(settings.maxRetries));
             const SessionConfiguration configuration = settings.configuration;
             client->setSessionConfigurationSupplier([configuration] { return configuration; });
-            auto observer = std::make_shared<TransferObserver>(pending, counters, line, journal);
+            auto observer = std::make_shared<TransferObserver>(
+                pending, counters, line, journalWriter ? &*journalWriter : nullptr);
             client->addDelegate(observer, nullptr);
             std::shared_ptr<LoggingProgressReporter> reporter;
             if (settings.reporterLines) {
@@ -234,6 +249,9 @@ int runTransfer(const std::vector<PlannedPart>& parts, const TransferSettings& s
             cancellation.attach(client);
             client->waitUntilFinished();
             cancellation.attach(nullptr);
+            if (journalWriter) {
+                journalWriter->flush();
+            }
             if (events) {
                 events->drain();
             }
@@ -262,8 +280,8 @@ int runTransfer(const std::vector<PlannedPart>& parts, const TransferSettings& s
             const double wait = roundWait(round + 1, retryAfter);
             char seconds[32];
             std::snprintf(seconds, sizeof seconds, "%.1f s", wait);
-            const std::string waiting = "waiting " + std::string(seconds) + " before round " +
-                                        std::to_string(round + 1);
+            const std::string waiting =
+                "waiting " + std::string(seconds) + " before round " + std::to_string(round + 1);
             line->note("pellorin: " + countOf(pending.size(), "part") + " failed (" + reason +
                        "); " + waiting);
             if (events) {

@@ -5,7 +5,8 @@
 // Threads and who touches what:
 // - host thread: construction, the delegate registry and the session supplier (before the
 //   transfer), uploadPartRequest, waitUntilFinished; invalidateAndCancel from any thread;
-// - "Retry Processing Queue" (scheduling queue): processWaitQueue and startAttempt;
+// - "Retry Processing Queue" (scheduling queue): processWaitQueue and the attempts it starts;
+//   an attempt whose session ends starts the next waiting part from the delegate queue;
 // - "Delegate Queue": every session callback (through FilePartRequestDelegate), every delegate
 //   notification and filesByPath_ (no lock: the queue runs one block at a time). Functions marked
 //   "delegate queue only" check it in debug builds.
@@ -74,7 +75,7 @@ class ClientCore final : public PellorinClient {
 
     // --- for the attempts (FilePartRequestDelegate) ---
 
-    // The configuration of an attempt's session. Scheduling queue.
+    // The configuration of an attempt's session. Scheduling or delegate queue (startAttempt).
     SessionConfiguration sessionConfiguration() const;
     // The body of an attempt: a stream over the part's range of its shared file, opened on the
     // file's first part (which streams unthrottled; later parts share the limiter). No stream
@@ -115,7 +116,8 @@ class ClientCore final : public PellorinClient {
     // The scheduling loop: takes a connection slot (50 ms waits), then the next part. Scheduling
     // queue only.
     void processWaitQueue();
-    // Starts one attempt of a part. Scheduling queue only.
+    // Starts one attempt of a part, in a connection slot already taken. Scheduling queue, or
+    // the delegate queue handing on the slot of an attempt that ended.
     void startAttempt(const std::shared_ptr<FilePartRequest>& part);
     // Carrying out a decision. Delegate queue only.
     void completePart(const std::shared_ptr<FilePartRequest>& part, const std::string& eTag,

@@ -2,9 +2,10 @@
 // session the part's body stream, and tells the client core what the attempt ended with; the
 // core decides what that means.
 //
-// Lifetime: created by the core's startAttempt on the scheduling queue and kept in its scheduler
-// until the session has become invalid. The session keeps the attempt alive until then; the
-// attempt keeps the core alive until then. Every callback runs on the client's delegate queue.
+// Lifetime: created by the core's startAttempt (scheduling or delegate queue) and kept in its
+// scheduler until the session has become invalid. The session keeps the attempt alive until
+// then; the attempt keeps the core alive until then. Every callback runs on the client's delegate
+// queue.
 #pragma once
 
 #include <memory>
@@ -27,7 +28,7 @@ class FilePartRequestDelegate final : public HttpSessionDelegate,
     FilePartRequestDelegate(std::shared_ptr<FilePartRequest> partRequest,
                             std::shared_ptr<ClientCore> core);
 
-    // The attempt's session, created on first use (scheduling queue) from the client's session
+    // The attempt's session, created on first use (startAttempt) from the client's session
     // configuration; absent once the session has become invalid, and never created again.
     std::shared_ptr<HttpSession> httpSession();
     // The session if it exists now, without creating it. Any thread.

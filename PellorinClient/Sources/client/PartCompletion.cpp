@@ -154,6 +154,14 @@ void ClientCore::failPart(const std::shared_ptr<FilePartRequest>& part,
 void ClientCore::attemptDidBecomeInvalid(const FilePartRequestDelegate& attempt) {
     assertOnDelegateQueue();
     signalCompletionIfIdle(scheduler_.attemptEnded(attempt));
+    // The freed slot goes straight to the next waiting part, started from here: handing it to
+    // the scheduling loop would wake that thread once for every part. Only a part that is
+    // not ready yet, or none, leaves the slot to the loop.
+    std::shared_ptr<FilePartRequest> next;
+    if (scheduler_.takeNext(next) == Scheduler::Take::taken) {
+        startAttempt(next);
+        return;
+    }
     maxConnectionsSemaphore_.signal();
 }
 

@@ -45,9 +45,13 @@ void ClientCore::processWaitQueue() {
             case Scheduler::Take::notReady:
                 maxConnectionsSemaphore_.signal();
                 break;
-            case Scheduler::Take::cancelled:
             case Scheduler::Take::empty:
-                break;  // the slot just taken is kept
+                // The delegate queue started the last waiting part meanwhile, with a slot of
+                // its own (attemptDidBecomeInvalid): this one goes back.
+                maxConnectionsSemaphore_.signal();
+                break;
+            case Scheduler::Take::cancelled:
+                break;  // the slot just taken goes with the cancellation
         }
     }
     logger_.trace([] { return std::string("processWaitQueue finished"); });

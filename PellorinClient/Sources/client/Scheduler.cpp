@@ -31,12 +31,11 @@ Scheduler::Take Scheduler::takeNext(std::shared_ptr<FilePartRequest>& part) {
     if (waiting_.empty()) {
         return Take::empty;
     }
-    Entry entry = std::move(waiting_.front());
-    waiting_.erase(waiting_.begin());
-    if (entry.notBefore == std::chrono::system_clock::now()) {
-        waiting_.insert(waiting_.begin(), std::move(entry));  // still the earliest
-        return Take::notReady;
+    if (waiting_.front().notBefore == std::chrono::system_clock::now()) {
+        return Take::notReady;  // stays the earliest
     }
+    Entry entry = std::move(waiting_.front());
+    waiting_.pop_front();
     part = std::move(entry.part);
     ++starting_;
     return Take::taken;

@@ -6,6 +6,7 @@
 
 #include <chrono>
 #include <cstdint>
+#include <deque>
 #include <memory>
 #include <mutex>
 #include <vector>
@@ -56,8 +57,8 @@ class Scheduler {
     bool isIdleLocked() const;
 
     mutable std::mutex mutex_;
-    std::vector<Entry> waiting_;                                      // guarded by mutex_
-    int64_t starting_ = 0;                                            // guarded by mutex_
+    std::deque<Entry> waiting_;  // guarded by mutex_; taken from the front, in constant time
+    int64_t starting_ = 0;       // guarded by mutex_
     std::vector<std::shared_ptr<FilePartRequestDelegate>> inFlight_;  // guarded by mutex_
     bool cancelled_ = false;                                          // guarded by mutex_
 };
