@@ -177,17 +177,17 @@ uint64_t SharedFile::refCount() const {
     return refCounter_;
 }
 
+// Reads are positioned and the descriptor lives as long as the object, so reads of different
+// parts run side by side: no lock, and a read that stalls (a slow disk) holds up only its part.
 int64_t SharedFile::read(uint8_t* buffer, uint64_t offset, int64_t maxLength) {
-    std::lock_guard lock(readMutex_);
     checkRange(offset, maxLength);
-    return preadLocked(buffer, offset, maxLength);
+    return preadOnce(buffer, offset, maxLength);
 }
 
 std::optional<std::vector<uint8_t>> SharedFile::read(uint64_t offset, int64_t length) {
-    std::lock_guard lock(readMutex_);
     checkRange(offset, length);  // before allocating, so a bad length allocates nothing
     std::vector<uint8_t> bytes(static_cast<size_t>(length));
-    const int64_t count = preadLocked(bytes.data(), offset, length);
+    const int64_t count = preadOnce(bytes.data(), offset, length);
     if (count == 0) {
         return std::nullopt;
     }
@@ -212,7 +212,7 @@ void SharedFile::checkRange(uint64_t offset, int64_t length) const {
     }
 }
 
-int64_t SharedFile::preadLocked(uint8_t* buffer, uint64_t offset, int64_t length) {
+int64_t SharedFile::preadOnce(uint8_t* buffer, uint64_t offset, int64_t length) {
     ssize_t count;
     do {
         count = ::pread(fd_, buffer, static_cast<size_t>(length), static_cast<off_t>(offset));

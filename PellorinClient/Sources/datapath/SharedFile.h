@@ -3,8 +3,8 @@
 // Ownership: held as std::shared_ptr<SharedFile> by the client's table of open files and by each
 // body stream over the file; the descriptor is closed when the last holder lets go (never by
 // close(), which only gives back a stream's reference). Any thread: reads are positioned reads
-// at an explicit offset, serialised per file, so parts never disturb each other's position;
-// reference-count changes are serialised too, and refCount() sees every earlier open()/close().
+// at an explicit offset, so parts never disturb each other's position and run side by side;
+// reference-count changes are serialised, and refCount() sees every earlier open()/close().
 #pragma once
 
 #include <sys/stat.h>
@@ -96,15 +96,13 @@ class SharedFile {
   private:
     // Throws SeekPastEnd / ReadPastEnd for a range outside the file.
     void checkRange(uint64_t offset, int64_t length) const;
-    // One pread (repeated only when interrupted by a signal); the caller holds readMutex_.
-    int64_t preadLocked(uint8_t* buffer, uint64_t offset, int64_t length);
+    // One pread (repeated only when interrupted by a signal).
+    int64_t preadOnce(uint8_t* buffer, uint64_t offset, int64_t length);
 
     int fd_ = -1;
     const std::string filePath_;
     uint64_t fileSize_ = 0;
     FileIdentity identity_;
-
-    std::mutex readMutex_;  // serialises the reads of this file
 
     mutable std::mutex countMutex_;
     uint64_t refCounter_ = 0;  // guarded by countMutex_
