@@ -4,7 +4,6 @@
 #include <atomic>
 #include <cctype>
 #include <cstdint>
-#include <cstring>
 #include <random>
 #include <string>
 

@@ -1,6 +1,5 @@
 #include "datapath/LaneHasher.h"
 
-#include <algorithm>
 #include <atomic>
 #include <cstdio>
 #include <cstdlib>
@@ -164,21 +163,20 @@ void LaneHasher::combineLocked(std::unique_lock<std::mutex>& lock, bool windowCl
             }
         }
     }
-    std::vector<Chunk*> round;
-    round.swap(pending_);
-    for (Chunk* chunk : round) {
+    // round_ and jobs_ keep their capacity from round to round: no allocation in steady state.
+    round_.swap(pending_);
+    for (Chunk* chunk : round_) {
         chunk->member->pending = false;
     }
     lock.unlock();
     bool hashed = false;
-    if (round.size() > 1) {
+    if (round_.size() > 1) {
         try {
-            std::vector<Md5Lanes::Job> jobs;
-            jobs.reserve(round.size());
-            for (const Chunk* chunk : round) {
-                jobs.push_back({chunk->stream, chunk->bytes});
+            jobs_.clear();
+            for (const Chunk* chunk : round_) {
+                jobs_.push_back({chunk->stream, chunk->bytes});
             }
-            lanes_.hashRound(jobs);
+            lanes_.hashRound(jobs_);
             hashed = true;
         } catch (const std::bad_alloc&) {
             // hashRound allocates before it touches a stream, so every stream is as it was:
@@ -186,16 +184,17 @@ void LaneHasher::combineLocked(std::unique_lock<std::mutex>& lock, bool windowCl
         }
     }
     if (!hashed) {
-        for (const Chunk* chunk : round) {
+        for (const Chunk* chunk : round_) {
             chunk->stream->update(chunk->bytes);
         }
     }
     lock.lock();
-    for (Chunk* chunk : round) {
+    for (Chunk* chunk : round_) {
         chunk->done = true;
     }
+    chunks_ += round_.size();
+    round_.clear();
     ++rounds_;
-    chunks_ += round.size();
     combining_ = false;
     done_.notify_all();
 }

@@ -100,7 +100,11 @@ class LaneHasher {
     std::chrono::steady_clock::time_point roundDeadline_;  // guarded by mutex_
     uint64_t rounds_ = 0;                                  // guarded by mutex_
     uint64_t chunks_ = 0;                                  // guarded by mutex_
-    Md5Lanes lanes_;  // the combining thread only (occupancy from any thread)
+    // The combining thread only (occupancy from any thread): the round being hashed, its jobs,
+    // and the engine.
+    std::vector<Chunk*> round_;
+    std::vector<Md5Lanes::Job> jobs_;
+    Md5Lanes lanes_;
 };
 
 }  // namespace pellorin

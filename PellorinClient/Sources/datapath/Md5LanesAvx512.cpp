@@ -101,25 +101,53 @@ PELLORIN_AVX512 inline void steps(V (&v)[4], const V (&x)[16],
 
 // The transposes: rows are the lanes' blocks; out[k] gets word k of every lane.
 
-// Sixteen lanes: one block is one register, so sixteen loads, then within each group of four
-// rows an interleave of words and of pairs, then a 4x4 transpose of 128-bit chunks across the
-// groups.
+// An unaligned load of one register's width.
+template <class V>
+PELLORIN_AVX512 inline V load(const uint8_t* at) {
+    V value;
+    std::memcpy(&value, at, sizeof(V));
+    return value;
+}
+
+// Interleaves within each 128-bit chunk, at every width: the low (kHigh false) or high halves of
+// the chunks' 32-bit (k64 false) or 64-bit elements of `a` and `b`.
+template <bool kHigh, bool k64, class V>
+PELLORIN_AVX512 inline V unpack(V a, V b) {
+    if constexpr (sizeof(V) == 16) {
+        return k64 ? (kHigh ? _mm_unpackhi_epi64(a, b) : _mm_unpacklo_epi64(a, b))
+                   : (kHigh ? _mm_unpackhi_epi32(a, b) : _mm_unpacklo_epi32(a, b));
+    } else if constexpr (sizeof(V) == 32) {
+        return k64 ? (kHigh ? _mm256_unpackhi_epi64(a, b) : _mm256_unpacklo_epi64(a, b))
+                   : (kHigh ? _mm256_unpackhi_epi32(a, b) : _mm256_unpacklo_epi32(a, b));
+    } else {
+        return k64 ? (kHigh ? _mm512_unpackhi_epi64(a, b) : _mm512_unpacklo_epi64(a, b))
+                   : (kHigh ? _mm512_unpackhi_epi32(a, b) : _mm512_unpacklo_epi32(a, b));
+    }
+}
+
+// Four rows into out[0..3]: in each 128-bit chunk j, out[m] holds word 4j + m of the four rows
+// (a 4x4 transpose per chunk, which is all of it at 128 bits).
+template <class V>
+PELLORIN_AVX512 inline void transpose4(V r0, V r1, V r2, V r3, V* out) {
+    const V abLo = unpack<false, false>(r0, r1);
+    const V abHi = unpack<true, false>(r0, r1);
+    const V cdLo = unpack<false, false>(r2, r3);
+    const V cdHi = unpack<true, false>(r2, r3);
+    out[0] = unpack<false, true>(abLo, cdLo);
+    out[1] = unpack<true, true>(abLo, cdLo);
+    out[2] = unpack<false, true>(abHi, cdHi);
+    out[3] = unpack<true, true>(abHi, cdHi);
+}
+
+// Sixteen lanes: one block is one register, so sixteen loads, the four-row transpose within
+// each group of four rows, then a 4x4 transpose of 128-bit chunks across the groups.
 PELLORIN_AVX512 inline void transpose(const uint8_t* const (&block)[16], __m512i (&out)[16]) {
     // u[g][m] holds, in its 128-bit chunk j, word 4j + m of rows 4g..4g+3.
     __m512i u[4][4];
     for (int g = 0; g < 4; ++g) {
-        const __m512i r0 = _mm512_loadu_si512(block[4 * g]);
-        const __m512i r1 = _mm512_loadu_si512(block[4 * g + 1]);
-        const __m512i r2 = _mm512_loadu_si512(block[4 * g + 2]);
-        const __m512i r3 = _mm512_loadu_si512(block[4 * g + 3]);
-        const __m512i abLo = _mm512_unpacklo_epi32(r0, r1);
-        const __m512i abHi = _mm512_unpackhi_epi32(r0, r1);
-        const __m512i cdLo = _mm512_unpacklo_epi32(r2, r3);
-        const __m512i cdHi = _mm512_unpackhi_epi32(r2, r3);
-        u[g][0] = _mm512_unpacklo_epi64(abLo, cdLo);
-        u[g][1] = _mm512_unpackhi_epi64(abLo, cdLo);
-        u[g][2] = _mm512_unpacklo_epi64(abHi, cdHi);
-        u[g][3] = _mm512_unpackhi_epi64(abHi, cdHi);
+        const uint8_t* const* rows = block + 4 * g;
+        transpose4(load<__m512i>(rows[0]), load<__m512i>(rows[1]), load<__m512i>(rows[2]),
+                   load<__m512i>(rows[3]), u[g]);
     }
     // Chunk g of out[4j + m] is chunk j of u[g][m].
     for (int m = 0; m < 4; ++m) {
@@ -131,38 +159,6 @@ PELLORIN_AVX512 inline void transpose(const uint8_t* const (&block)[16], __m512i
         out[4 + m] = _mm512_shuffle_i32x4(s0, s2, 0xdd);
         out[8 + m] = _mm512_shuffle_i32x4(s1, s3, 0x88);
         out[12 + m] = _mm512_shuffle_i32x4(s1, s3, 0xdd);
-    }
-}
-
-// An unaligned load of one register's width.
-template <class V>
-PELLORIN_AVX512 inline V load(const uint8_t* at) {
-    V value;
-    std::memcpy(&value, at, sizeof(V));
-    return value;
-}
-
-// Four rows of four words each, from the lanes' blocks at `offset`, into out[0..3].
-template <class V>
-PELLORIN_AVX512 inline void transpose4(V r0, V r1, V r2, V r3, V* out) {
-    if constexpr (sizeof(V) == 16) {
-        const V abLo = _mm_unpacklo_epi32(r0, r1);
-        const V abHi = _mm_unpackhi_epi32(r0, r1);
-        const V cdLo = _mm_unpacklo_epi32(r2, r3);
-        const V cdHi = _mm_unpackhi_epi32(r2, r3);
-        out[0] = _mm_unpacklo_epi64(abLo, cdLo);
-        out[1] = _mm_unpackhi_epi64(abLo, cdLo);
-        out[2] = _mm_unpacklo_epi64(abHi, cdHi);
-        out[3] = _mm_unpackhi_epi64(abHi, cdHi);
-    } else {
-        const V abLo = _mm256_unpacklo_epi32(r0, r1);
-        const V abHi = _mm256_unpackhi_epi32(r0, r1);
-        const V cdLo = _mm256_unpacklo_epi32(r2, r3);
-        const V cdHi = _mm256_unpackhi_epi32(r2, r3);
-        out[0] = _mm256_unpacklo_epi64(abLo, cdLo);
-        out[1] = _mm256_unpackhi_epi64(abLo, cdLo);
-        out[2] = _mm256_unpacklo_epi64(abHi, cdHi);
-        out[3] = _mm256_unpackhi_epi64(abHi, cdHi);
     }
 }
 
